@@ -1,0 +1,124 @@
+/**
+ * @file server.h
+ * The server side of connections: accepting, reading requests, sending replies and files, keep-alive, stopping.
+ *
+ * The handlers run on the event loop, in this order for each request: requestHandler once, when its head is complete;
+ * bodyHandler each time body data can be read; replyDoneHandler once the reply has left, or the connection closed under
+ * it. errorHandler runs instead when the connection closes in the middle of anything else. A handler may reply at once,
+ * or return and reply later from any other handler; it may stop the server and destroy the peer of its own request
+ * (and must not touch request and reply afterwards). Request and reply may not be used past the reply-done or error handler.
+ */
+#ifndef KROHTTP_SERVER_H
+#define KROHTTP_SERVER_H
+
+#include <krohttp/reply.h>
+#include <krohttp/request.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Where a server connection stands. */
+typedef enum HttpServerState {
+  HTTP_SERVER_INIT = 0,
+  HTTP_SERVER_ACCEPTED = 1, /**< idle: no byte of a request has arrived */
+  HTTP_SERVER_RECEIVING_REQUEST = 2,
+  HTTP_SERVER_REQUEST_RECEIVED = 3,
+  HTTP_SERVER_SENDING_REPLY = 4, /**< waiting for the reply to be complete and to leave */
+  HTTP_SERVER_REPLY_SENT = 5,
+  HTTP_SERVER_CLOSED = 6,
+  HTTP_SERVER_ERROR = 7
+} HttpServerState;
+
+/** A server. Owned and zeroed by the application, which sets peer and the handlers and calls http_serverStart(); it must outlive
+ * its connections (see stoppedHandler). */
+typedef struct HttpServer {
+  ZelPeer *peer;           /**< set by the application: the listening peer; NULL once stopped */
+  uint32_t userWords[3];   /**< the application's, not touched by the library */
+  int32_t connectionCount; /**< read-only: live connections */
+  int32_t repliesSent;     /**< read-only: replies completed */
+  uint32_t stopped;        /**< read-only: 1 after http_serverStop() */
+
+  /* set by the application */
+
+  /** The head of @p request is complete. @return 0, or negative to drop the connection: what was written is still sent */
+  int (*requestHandler)(HttpRequest *request, HttpReply *reply);
+  /**
+   * Body data can be read: read until a short count, which ends the body or asks to wait. Without this handler bodies
+   * are read and dropped.
+   * @return 0, or negative to drop the connection: what was written is still sent
+   */
+  int (*bodyHandler)(HttpRequest *request, HttpReply *reply, FILE *body);
+  /** The reply has been handed to the socket, or its connection closed. Optional. */
+  void (*replyDoneHandler)(HttpReply *reply, HttpRequest *request);
+  /**
+   * The connection is closing in the middle of a request, or after one that could not be parsed (request->message.refusal
+   * tells why). A reply that was not begun may still be sent here: it goes out before the close. Optional.
+   */
+  void (*errorHandler)(HttpRequest *request, HttpReply *reply);
+  /** The server was stopped and its last connection has closed. Runs once, from the loop. Optional. */
+  void (*stoppedHandler)(struct HttpServer *server);
+} HttpServer;
+
+typedef struct HttpServerConnection HttpServerConnection;
+
+/** Sends one step of a descriptor. @return bytes, 0 at the end of the file, negative with errno */
+typedef ssize_t (*HttpServerStaticWriter)(ZelPeer *peer, HttpServerConnection *connection);
+
+/** One connection of a server: the user data of its peer, made at accept, freed at close. Read-only. */
+struct HttpServerConnection {
+  HttpServer *server;
+  HttpServerState state;
+  HttpRequest request;
+  HttpReply reply;
+  int32_t staticSize;                  /**< size of the file being sent, -1 for other descriptors, 0 when idle */
+  int32_t staticFd;                    /**< descriptor being sent, -1 when none */
+  HttpServerStaticWriter staticWriter; /**< how it is sent, NULL until found out */
+};
+
+/** Starts serving on server->peer. @return 0, or -1 when the peer does not take the accept handler */
+KROHTTP_API int http_serverStart(HttpServer *server);
+
+/**
+ * Stops: ends the listening peer and idle connections at once; requests under way are finished first. Allowed in any
+ * handler, and again. stoppedHandler tells when all is done.
+ */
+KROHTTP_API void http_serverStop(HttpServer *server);
+
+/**
+ * Stops reading @p request until http_serverResumeRequest(); unread data stays with the connection.
+ * @return 0, or -1 when the request has no peer or the peer refuses (traced)
+ */
+KROHTTP_API int http_serverPauseRequest(HttpRequest *request);
+
+/** Goes on reading with the peer's next read event; nothing runs inside this call. @return 0 or -1 (traced) */
+KROHTTP_API int http_serverResumeRequest(HttpRequest *request);
+
+/** Ends the current pass over @p request; the next read event goes on with it. @return 0 or -1 (traced) */
+KROHTTP_API int http_serverTemporizeRequest(HttpRequest *request);
+
+/**
+ * Sends the reply's head and then what @p descriptor yields until its end, as the reply's body. The status must have
+ * been set. A regular file gets a Content-Length and is sent from its beginning; for other descriptors the connection closes at
+ * the end.
+ * @param descriptor  owned by the server from this call on, also when it fails
+ * @return 0, or -1 when the head could not be sent (traced)
+ */
+KROHTTP_API int http_serverSendFd(HttpReply *reply, int descriptor);
+
+/** As http_serverSendFd(), for the file at @p path. @return 0, or -1: a 404 reply was sent if the file could not be opened */
+KROHTTP_API int http_serverSendFile(HttpReply *reply, const char *path);
+
+/**
+ * Answers @p request with the file under @p root that its path names: index.html for a directory, the ".gz" variant
+ * beside a file if there is one.
+ * @param root  compared as text with the resolved path: give it resolved (realpath()), and with a slash at its end
+ * unless its siblings may be served too
+ * @return 0, or -1: a 400 or 404 reply was sent (traced), or the status could not be set
+ */
+KROHTTP_API int http_serverRequestSendFile(HttpRequest *request, HttpReply *reply, const char *root);
+
+#ifdef __cplusplus
+}
+#endif
+#endif
