@@ -1,0 +1,199 @@
+#include <krohttp/uri.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#define TRACE_ZONE "http-uri"
+#include "trace.h"
+
+#include "memory.h"
+#include "uri_internal.h"
+
+namespace {
+
+constexpr std::string_view kEscaped = "#&=%? ";
+
+bool isEscaped(char c) { return kEscaped.find(c) != std::string_view::npos; }
+
+char* putEscape(char* out, char c) {
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  const auto byte = static_cast<unsigned char>(c);
+  *out++ = '%';
+  *out++ = kDigits[byte >> 4];
+  *out++ = kDigits[byte & 15];
+  return out;
+}
+
+// Decodes a NUL-terminated text in place. "%" and the two characters behind it become the byte they name (0, which
+// ends the text, when they are no number); "%" among the last two characters stands for itself.
+void decode(char* text) {
+  char* out = text;
+  for (const char* in = text; *in != '\0'; ++in) {
+    if (in[0] == '%' && in[1] != '\0' && in[2] != '\0') {
+      const char digits[3] = {in[1], in[2], '\0'};
+      *out++ = static_cast<char>(std::strtol(digits, nullptr, 16));
+      in += 2;
+    } else {
+      *out++ = *in;
+    }
+  }
+  *out = '\0';
+}
+
+CString encode(const char* text) {
+  const size_t length = std::strlen(text);
+  const auto escaped = static_cast<size_t>(std::count_if(text, text + length, isEscaped));
+  CString encoded(static_cast<char*>(std::malloc(length + 2 * escaped + 1)));
+  if (!encoded) return encoded;
+  char* out = encoded.get();
+  for (const char* in = text; *in != '\0'; ++in) {
+    if (isEscaped(*in))
+      out = putEscape(out, *in);
+    else
+      *out++ = *in;
+  }
+  *out = '\0';
+  return encoded;
+}
+
+// Encodes the decoded text at the beginning of [slot, slotEnd) again, within these bytes; what is left over is zeroed.
+//
+// An escaped character came in as three bytes, so it has its room. One that came in bare has none and stays bare, as
+// room goes first to those that cannot have come bare: '&', which would have ended the parameter, '=' in a name, and
+// '%' with two characters behind it.
+void encodeWithin(char* slot, char* slotEnd, bool isName) {
+  const auto size = static_cast<size_t>(slotEnd - slot);
+  const size_t length = strnlen(slot, size);
+  const auto cannotBeBare = [&](size_t at) {
+    return slot[at] == '&' || (isName && slot[at] == '=') || (slot[at] == '%' && at + 2 < length);
+  };
+
+  size_t first = 0;
+  size_t second = 0;
+  for (size_t at = 0; at < length; ++at) {
+    if (cannotBeBare(at))
+      ++first;
+    else if (isEscaped(slot[at]))
+      ++second;
+  }
+  const size_t room = (size - length) / 2;
+  const size_t firstEscaped = std::min(first, room);
+  const size_t secondEscaped = std::min(second, room - firstEscaped);
+
+  // From the end to the front, as the text becomes longer in place.
+  char* out = slot + length + 2 * (firstEscaped + secondEscaped);
+  std::fill(out, slotEnd, '\0');
+  for (size_t at = length; at-- > 0;) {
+    const char c = slot[at];
+    const bool escaped = cannotBeBare(at)  ? --first < firstEscaped
+                         : isEscaped(c) ? --second < secondEscaped
+                                        : false;
+    out -= escaped ? 3 : 1;
+    if (escaped)
+      putEscape(out, c);
+    else
+      *out = c;
+  }
+}
+
+int endOfIteration(char** name, char** value) {
+  *name = nullptr;
+  *value = nullptr;
+  return -1;
+}
+
+}  // namespace
+
+char* uri_nextAmper(const HttpUri* uri, char* start) {
+  char* const end = uri->query + uri->queryLength;
+  return static_cast<char*>(std::memchr(start, '&', static_cast<size_t>(end - start)));
+}
+
+extern "C" {
+
+int http_uriParse(HttpUri* uri, char* target) {
+  *uri = HttpUri{};
+  uri->path = target != nullptr ? std::strchr(target, '/') : nullptr;
+  if (uri->path == nullptr) {
+    TRACE_ERROR("invalid url %s", target != nullptr ? target : "(null)");
+    return -1;
+  }
+  TRACE_NOTICE("url path: %s", uri->path);
+
+  uri->query = strchrnul(uri->path, '?');
+  if (*uri->query != '\0') *uri->query++ = '\0';
+  uri->queryLength = static_cast<int>(std::strlen(uri->query));
+  decode(uri->path);
+  return 0;
+}
+
+char* http_uriSerialize(HttpUri* uri) {
+  char* text = nullptr;
+  const CString path = uri->path != nullptr ? encode(uri->path) : nullptr;
+  const int length = !path                  ? -1
+                     : uri->queryLength > 0 ? asprintf(&text, "%s?%s", path.get(), uri->query)
+                                            : asprintf(&text, "%s", path.get());
+  if (length < 0) {
+    TRACE_ERROR("unable to serialize uri: %m");
+    return nullptr;
+  }
+  return text;
+}
+
+char* http_uriQueryString(HttpUri* uri) { return uri->query; }
+
+void http_uriResetParameterIterator(HttpUri* uri) {
+  char* const nameEnd = uri->separator != nullptr ? uri->separator : uri->parameterEnd;
+  if (uri->parameterName != nullptr) encodeWithin(uri->parameterName, nameEnd, true);
+  if (uri->separator != nullptr) {
+    encodeWithin(uri->separator + 1, uri->parameterEnd, false);
+    *uri->separator = '=';
+  }
+  if (uri->parameterEnd != nullptr && uri->parameterEnd != uri->query + uri->queryLength) *uri->parameterEnd = '&';
+  uri->parameterName = nullptr;
+  uri->parameterValue = nullptr;
+  uri->separator = nullptr;
+  uri->parameterEnd = nullptr;
+}
+
+int http_uriNextParameter(HttpUri* uri, char** name, char** value) {
+  char* const previousEnd = uri->parameterEnd;
+  http_uriResetParameterIterator(uri);
+  if (uri->query == nullptr || uri->queryLength == 0) return endOfIteration(name, value);
+
+  char* start = uri->query;
+  if (previousEnd != nullptr) {
+    start = uri_nextAmper(uri, previousEnd);
+    if (start == nullptr) return endOfIteration(name, value);
+    ++start;
+  }
+  char* end = uri_nextAmper(uri, start);
+  if (end == nullptr) end = uri->query + uri->queryLength;
+  *end = '\0';
+  uri->parameterEnd = end;
+
+  // By length, not up to a NUL: a name put back shorter than it came has zeroes before its '='.
+  uri->separator = static_cast<char*>(std::memchr(start, '=', static_cast<size_t>(end - start)));
+  if (uri->separator != nullptr) *uri->separator = '\0';
+  uri->parameterName = start;
+  uri->parameterValue = uri->separator != nullptr ? uri->separator + 1 : end;
+  decode(uri->parameterName);
+  decode(uri->parameterValue);
+  *name = uri->parameterName;
+  *value = uri->parameterValue;
+  return 0;
+}
+
+int http_uriGetParameter(HttpUri* uri, const char* name, char** value) {
+  *value = nullptr;
+  http_uriResetParameterIterator(uri);
+  char* candidate = nullptr;
+  while (http_uriNextParameter(uri, &candidate, value) == 0)
+    if (std::strcmp(candidate, name) == 0) return 0;
+  return -1;
+}
+
+}  // extern "C"
