@@ -31,25 +31,67 @@ namespace {
 
 constexpr size_t kBlock = 4096;
 // A message buffer that has grown beyond this is not kept for the next request of its connection.
-constexpr uint32_t kKeptBuffer = 4096;
+constexpr uint32_t kKeptBuffer = 2048;
 
 // --- connections ------------------------------------------------------------------------------------------------------
-
-class Watch;
 
 // A connection with what only this file needs to know.
 struct Connection : HttpServerConnection {
   bool corked;               // the socket takes TCP_CORK
   uint64_t staticRemaining;  // bytes still to send of a regular file, as announced: it may grow or shrink meanwhile
   ZelTimer* later;           // runs goOnLater(), null until it is needed
-  Watch* watches;            // who wants to know when this connection goes
   Connection* previous;      // all connections of all servers, oldest first
   Connection* next;
 };
 
 Connection* oldest = nullptr;
 Connection* newest = nullptr;
-Connection* nextToVisit = nullptr;  // where http_serverStop() goes on, whatever closes meanwhile
+
+// Stands on the stack while handlers of the application run, which may close the connection under it.
+class Watch {
+ public:
+  explicit Watch(Connection* connection) : connection_(connection), outer_(innermost) { innermost = this; }
+  ~Watch() { innermost = outer_; }
+  Watch(const Watch&) = delete;
+  Watch& operator=(const Watch&) = delete;
+
+  bool gone() const { return connection_ == nullptr; }
+
+  static void tellGone(const Connection* connection) {
+    for (Watch* watch = innermost; watch != nullptr; watch = watch->outer_)
+      if (watch->connection_ == connection) watch->connection_ = nullptr;
+  }
+
+ private:
+  static inline Watch* innermost = nullptr;
+  Connection* connection_;
+  Watch* outer_;
+};
+
+// Walks all connections, whichever of them close meanwhile.
+class Walk {
+ public:
+  Walk() : next_(oldest), outer_(innermost) { innermost = this; }
+  ~Walk() { innermost = outer_; }
+  Walk(const Walk&) = delete;
+  Walk& operator=(const Walk&) = delete;
+
+  Connection* next() {
+    Connection* const connection = next_;
+    if (connection != nullptr) next_ = connection->next;
+    return connection;
+  }
+
+  static void stepOver(const Connection* connection) {
+    for (Walk* walk = innermost; walk != nullptr; walk = walk->outer_)
+      if (walk->next_ == connection) walk->next_ = connection->next;
+  }
+
+ private:
+  static inline Walk* innermost = nullptr;
+  Connection* next_;
+  Walk* outer_;
+};
 
 void link(Connection* connection) {
   connection->previous = newest;
@@ -58,33 +100,10 @@ void link(Connection* connection) {
 }
 
 void unlink(Connection* connection) {
-  if (nextToVisit == connection) nextToVisit = connection->next;
+  Walk::stepOver(connection);
   (connection->previous != nullptr ? connection->previous->next : oldest) = connection->next;
   (connection->next != nullptr ? connection->next->previous : newest) = connection->previous;
 }
-
-// Stands on the stack while an application's handler runs, which may close the connection under it.
-class Watch {
- public:
-  explicit Watch(Connection* connection) : connection_(connection), outer_(connection->watches) {
-    connection->watches = this;
-  }
-  ~Watch() {
-    if (connection_ != nullptr) connection_->watches = outer_;
-  }
-  Watch(const Watch&) = delete;
-  Watch& operator=(const Watch&) = delete;
-
-  bool gone() const { return connection_ == nullptr; }
-
-  static void tellAll(Connection* connection) {
-    for (Watch* watch = connection->watches; watch != nullptr; watch = watch->outer_) watch->connection_ = nullptr;
-  }
-
- private:
-  Connection* connection_;
-  Watch* outer_;
-};
 
 Connection* connectionOf(const ZelPeer* peer) {
   return static_cast<Connection*>(static_cast<HttpServerConnection*>(peer_userData(peer)));
@@ -497,7 +516,7 @@ void releaseMessages(Connection* connection) {
 bool srv_handleClose(ZelPeer* peer) {
   Connection* const connection = connectionOf(peer);
   HttpServer* const server = connection->server;
-  Watch::tellAll(connection);
+  Watch::tellGone(connection);
   checkOwnership(connection);
   TRACE_NOTICE("connection closed (%d)", peer_socket(peer));
   if (!server->stopped) reportClose(connection, peer);
@@ -857,13 +876,12 @@ void http_serverStop(HttpServer* server) {
   if (server->peer != nullptr) {
     ZelPeer* const listening = server->peer;
     peer_close(listening);
-    for (Connection* connection = oldest; connection != nullptr; connection = nextToVisit) {
-      nextToVisit = connection->next;
+    Walk walk;
+    while (Connection* const connection = walk.next()) {
       if (connection->server != server || connection->state > HTTP_SERVER_ACCEPTED) continue;
       TRACE_NOTICE("closing client connection %i", peer_socket(peerOf(connection)));
       peer_close(peerOf(connection));
     }
-    nextToVisit = nullptr;
     peer_destroy(listening);
   }
   server->peer = nullptr;

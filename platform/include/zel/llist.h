@@ -14,13 +14,12 @@ extern "C" {
 #endif
 
 typedef struct ZelList ZelList;
-typedef struct ZelListNode ZelListNode;
 
-/** A position in a list; caller-provided storage, valid for one walk on one list. */
+/** A position in a list; caller-provided storage, valid for one walk on one list. A walk may be given up at any time. */
 typedef struct ZelListIterator {
   ZelList *list;     /**< private */
-  ZelListNode *node; /**< private */
-  struct ZelListIterator *nextActive; /**< private */
+  size_t serial;     /**< private */
+  size_t index;      /**< private */
 } ZelListIterator;
 
 /** A new empty list, or NULL when memory is short. */
