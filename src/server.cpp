@@ -427,6 +427,7 @@ void awaitNextRequest(Connection* connection, ZelPeer* peer) {
   trimBuffer(request);
   trimBuffer(reply);
   prepareMessages(connection);
+  reply->bodyless = 0;
   // A request that was paused and never resumed keeps its connection paused.
   if (request->paused != HTTP_MSG_PAUSED)
     peer_setEventHandler(peer, PEER_EVENT_DATA, PEER_DIRECTION_IN, srv_handleRead);

@@ -1,0 +1,69 @@
+#include "access_log.h"
+
+#include <zel/peer.h>
+
+#include <cctype>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+
+namespace {
+
+FILE* file = nullptr;
+
+// Text from the network, with everything that could forge or garble a line escaped.
+void putEscaped(const char* text) {
+  for (; *text != '\0'; ++text) {
+    const auto c = static_cast<unsigned char>(*text);
+    if (c < 32 || c >= 127 || c == '"' || c == '\\')
+      std::fprintf(file, "\\x%02x", c);
+    else
+      std::fputc(c, file);
+  }
+}
+
+void putTime() {
+  char text[40];
+  const time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  std::strftime(text, sizeof text, "%d/%b/%Y:%H:%M:%S %z", &local);
+  std::fputs(text, file);
+}
+
+void putRequestLine(HttpRequest* request) {
+  const std::unique_ptr<char, decltype(&std::free)> target(
+      http_requestPath(request) != nullptr ? http_uriSerialize(http_requestURI(request)) : nullptr, &std::free);
+  if (!target) {
+    std::fputc('-', file);
+    return;
+  }
+  std::fprintf(file, "%s ", http_requestMethodString(request));
+  putEscaped(target.get());
+  std::fprintf(file, " HTTP/%u.%u", http_requestVersion(request)[0], http_requestVersion(request)[1]);
+}
+
+}  // namespace
+
+bool accessLogOpen(const std::string& path) {
+  file = path == "-" ? stdout : std::fopen(path.c_str(), "ae");
+  if (file == nullptr) return false;
+  std::setvbuf(file, nullptr, _IOLBF, BUFSIZ);
+  return true;
+}
+
+void accessLogWrite(HttpRequest* request, HttpReply* reply) {
+  if (file == nullptr) return;
+  const char* const address = peer_address(http_requestPeer(request));
+  std::fprintf(file, "%s - - [", *address != '\0' ? address : "-");
+  putTime();
+  std::fputs("] \"", file);
+  putRequestLine(request);
+  const char* const length = http_replyHeaderValue(reply, "Content-Length");
+  std::fprintf(file, "\" %u %s\n", http_replyStatusCode(reply), length != nullptr ? length : "-");
+}
+
+void accessLogClose() {
+  if (file != nullptr && file != stdout) std::fclose(file);
+  file = nullptr;
+}

@@ -1,0 +1,107 @@
+#include "options.h"
+
+#include <krotrace/krotrace.h>
+#include <sys/stat.h>
+
+#include <CLI/CLI.hpp>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+constexpr int kUsageError = 2;
+
+[[noreturn]] void refuse(const std::string& what) { throw CLI::ValidationError(what); }
+
+bool isPort(const std::string& text) {
+  return !text.empty() && text.size() <= 5 && text.find_first_not_of("0123456789") == std::string::npos &&
+         std::stoi(text) <= 65535;
+}
+
+// "HOST:PORT", "[IPv6]:PORT" or "unix:PATH".
+ListenAddress parseListen(const std::string& text) {
+  const std::string local = "unix:";
+  if (text.starts_with(local)) {
+    if (text.size() == local.size()) refuse("--listen: unix: needs a path");
+    return {true, text.substr(local.size()), ""};
+  }
+  const size_t colon = text.rfind(':');
+  if (colon == std::string::npos || !isPort(text.substr(colon + 1)))
+    refuse("--listen: '" + text + "' is not HOST:PORT or unix:PATH");
+  std::string host = text.substr(0, colon);
+  if (host.starts_with('[') && host.ends_with(']'))
+    host = host.substr(1, host.size() - 2);
+  else if (host.find(':') != std::string::npos)
+    refuse("--listen: put an IPv6 address in brackets: [" + host + "]:" + text.substr(colon + 1));
+  return {false, host.empty() ? "*" : host, text.substr(colon + 1)};
+}
+
+// "ZONE" or "ZONE=LEVEL", the level by name or number.
+TraceZone parseTrace(const std::string& text) {
+  const size_t equals = text.find('=');
+  const std::string zone = text.substr(0, equals);
+  if (zone.empty()) refuse("--trace: '" + text + "' names no zone");
+  if (equals == std::string::npos) return {zone, KROTRACE_INFO};
+  const std::string level = text.substr(equals + 1);
+  if (level == "notice") return {zone, KROTRACE_NOTICE};
+  if (level == "info") return {zone, KROTRACE_INFO};
+  if (level.empty() || level.size() > 6 || level.find_first_not_of("0123456789") != std::string::npos)
+    refuse("--trace: level '" + level + "' is neither 'notice' nor 'info' nor a number");
+  return {zone, std::stoi(level)};
+}
+
+// The root as the file sender compares it: resolved, and with a slash, so that its siblings stay out.
+std::string resolveRoot(const std::string& directory) {
+  char resolved[PATH_MAX];
+  struct stat status;
+  if (realpath(directory.c_str(), resolved) == nullptr || stat(resolved, &status) != 0 || !S_ISDIR(status.st_mode))
+    refuse("--root: '" + directory + "' is no directory");
+  std::string root = resolved;
+  if (!root.ends_with('/')) root += '/';
+  return root;
+}
+
+Options parse(CLI::App& app, int argc, char** argv) {
+  Options options;
+  std::vector<std::string> listen;
+  std::vector<std::string> traces;
+  std::string root;
+  app.add_option("--listen", listen, "Where to listen: HOST:PORT, [IPv6]:PORT or unix:PATH; repeatable")
+      ->type_name("ADDRESS")
+      ->default_str("127.0.0.1:8080")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  app.add_option("--root", root, "Serve the files below this directory")->type_name("DIR");
+  app.add_flag("--demo", options.demo, "Add GET /hello, POST /echo and GET /status");
+  app.add_option("--access-log", options.accessLog, "Append a line per request to this file, - for standard output")
+      ->type_name("FILE");
+  app.add_option("--trace", traces, "Trace a zone (http-server, http-message, ..., * for all) up to a level: "
+                                    "notice, info or a number; repeatable")
+      ->type_name("ZONE[=LEVEL]")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  app.set_version_flag("--version", "krohttpd " KROHTTPD_VERSION);
+  app.parse(argc, argv);
+
+  if (listen.empty()) listen.push_back("127.0.0.1:8080");
+  for (const std::string& address : listen) options.listen.push_back(parseListen(address));
+  for (const std::string& trace : traces) options.traces.push_back(parseTrace(trace));
+  if (root.empty() && !options.demo) refuse("nothing to serve: give --root DIR, --demo or both");
+  if (!root.empty()) options.root = resolveRoot(root);
+  return options;
+}
+
+}  // namespace
+
+ParsedOptions parseOptions(int argc, char** argv) {
+  CLI::App app("krohttpd: serves files and a few demonstration pages over HTTP.", "krohttpd");
+  try {
+    return {parse(app, argc, argv), 0};
+  } catch (const CLI::Success& done) {
+    return {std::nullopt, app.exit(done)};
+  } catch (const CLI::ParseError& error) {
+    std::fprintf(stderr, "krohttpd: %s (see krohttpd --help)\n", error.what());
+    return {std::nullopt, kUsageError};
+  }
+}

@@ -1,0 +1,176 @@
+#include "routes.h"
+
+#include <strings.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+#include "access_log.h"
+#include "echo.h"
+#include "replies.h"
+
+namespace {
+
+constexpr const char* kText = "text/plain; charset=utf-8";
+constexpr const char* kReadMethods = "GET, HEAD, OPTIONS";
+constexpr const char* kEchoMethods = "POST, OPTIONS";
+
+std::string root;
+bool demo = false;
+std::function<Counters()> currentCounters;
+
+// --- single answers ---------------------------------------------------------------------------------------------------
+
+long residentMemory() {
+  long total = 0;
+  long resident = 0;
+  FILE* const file = std::fopen("/proc/self/statm", "re");
+  if (file == nullptr) return 0;
+  const bool read = std::fscanf(file, "%ld %ld", &total, &resident) == 2;
+  std::fclose(file);
+  return read ? resident * sysconf(_SC_PAGESIZE) : 0;
+}
+
+int replyWithCounters(HttpRequest* request, HttpReply* reply) {
+  const Counters counters = currentCounters();
+  char json[256];
+  const int length = std::snprintf(
+      json, sizeof json, "{\"version\":\"%s\",\"connections\":%ld,\"replies\":%ld,\"uptime\":%ld,\"memory\":%ld}\n",
+      KROHTTPD_VERSION, counters.connections, counters.replies, counters.uptime, residentMemory());
+  return replyWithText(request, reply, 200, "application/json", {json, static_cast<size_t>(length)});
+}
+
+int replyWithFile(HttpRequest* request, HttpReply* reply) {
+  if (root.empty()) return replyWithStatus(request, reply, 404);
+  if (addCommonHeaders(request, reply) < 0) return -1;
+  const int result = http_serverRequestSendFile(request, reply, root.c_str());
+  // A refusal has been sent by then: only a reply that could not be begun drops the connection.
+  return result == 0 || http_replyState(reply) >= HTTP_MSG_BODY ? 0 : -1;
+}
+
+// --- what is wrong with a request before its target matters -----------------------------------------------------------
+
+// RFC 9112 section 3.2: one Host, and exactly one.
+bool hasOneHost(HttpRequest* request) {
+  int hosts = 0;
+  int code = HTTP_HEADER_NONE;
+  const char* name = nullptr;
+  const char* value = nullptr;
+  http_requestHeadersReset(request);
+  while (msg_headersNext(&request->message, &code, &name, &value) == 0)
+    if (code == HTTP_HEADER_HOST) ++hosts;
+  return hosts == 1;
+}
+
+bool hasUnknownExpectation(HttpRequest* request) {
+  const char* const expectation = http_requestHeaderValue(request, "Expect");
+  return expectation != nullptr && strcasecmp(expectation, "100-continue") != 0;
+}
+
+// The status that refuses the request, 0 when there is no reason to.
+unsigned refusalOf(HttpRequest* request) {
+  const uint8_t* const version = http_requestVersion(request);
+  if (version[0] != 1) return 505;
+  if (version[1] > 0 && !hasOneHost(request)) return 400;
+  if (http_requestBodyType(request) == HTTP_BODY_UNKNOWN) return 501;
+  if (hasUnknownExpectation(request)) return 417;
+  switch (http_requestMethod(request)) {
+    case HTTP_METHOD_CONNECT:
+    case HTTP_METHOD_TRACE: return 501;
+    default: return 0;
+  }
+}
+
+// --- routing ----------------------------------------------------------------------------------------------------------
+
+bool wantsEcho(HttpRequest* request) { return demo && std::string_view(http_requestPath(request)) == "/echo"; }
+
+bool isAllowed(HttpRequest* request) {
+  const int method = http_requestMethod(request);
+  if (wantsEcho(request)) return method == HTTP_METHOD_POST;
+  return method == HTTP_METHOD_GET || method == HTTP_METHOD_HEAD;
+}
+
+// Nobody will read the body of this request: it is dropped as it comes, and then the connection closes. A multipart one
+// is not worth waiting for.
+int refuse(HttpRequest* request, HttpReply* reply, unsigned code, const char* allow = nullptr) {
+  const bool hasBody = http_requestState(request) == HTTP_MSG_BODY;
+  if (hasBody && announceClose(reply) < 0) return -1;
+  if (replyWithStatus(request, reply, code, allow) < 0) return -1;
+  const int type = http_requestBodyType(request);
+  return hasBody && (type == HTTP_BODY_MULTIPART || type == HTTP_BODY_UNKNOWN) ? -1 : 0;
+}
+
+int answer(HttpRequest* request, HttpReply* reply) {
+  const char* const allow = wantsEcho(request) ? kEchoMethods : kReadMethods;
+  if (const unsigned code = refusalOf(request); code != 0) return refuse(request, reply, code);
+  if (http_requestMethod(request) == HTTP_METHOD_OPTIONS)
+    return replyWithText(request, reply, 200, kText, "", allow);
+  if (!isAllowed(request)) return refuse(request, reply, 405, allow);
+  if (wantsEcho(request)) return echoBegin(request, reply);
+
+  const std::string_view path = http_requestPath(request);
+  if (demo && path == "/hello") return replyWithText(request, reply, 200, kText, "Hello, world!");
+  if (demo && path == "/status") return replyWithCounters(request, reply);
+  return replyWithFile(request, reply);
+}
+
+// --- handlers ---------------------------------------------------------------------------------------------------------
+
+int onRequest(HttpRequest* request, HttpReply* reply) {
+  // This server speaks HTTP/1.1, whatever higher version was asked for.
+  if (http_requestVersion(request)[0] != 1 || http_requestVersion(request)[1] > 1) http_replyVersionSet(reply, 1, 1);
+  return answer(request, reply);
+}
+
+int dropBody(FILE* body) {
+  char block[4096];
+  while (fread(block, 1, sizeof block, body) == sizeof block) {
+  }
+  return 0;
+}
+
+int onBody(HttpRequest* request, HttpReply* reply, FILE* body) {
+  return isEchoing(request) ? echoBody(request, reply, body) : dropBody(body);
+}
+
+void onReplyDone(HttpReply* reply, HttpRequest* request) {
+  accessLogWrite(request, reply);
+  echoEnd(request);
+}
+
+unsigned statusOfRefusal(uint8_t refusal) {
+  switch (refusal) {
+    case HTTP_MSG_BAD_METHOD: return 501;
+    case HTTP_MSG_BAD_VERSION: return 505;
+    default: return 400;
+  }
+}
+
+// A head that could not be parsed is answered before its connection closes.
+void onError(HttpRequest* request, HttpReply* reply) {
+  const uint8_t refusal = request->message.refusal;
+  if (refusal != HTTP_MSG_ACCEPTED && http_replyState(reply) == HTTP_MSG_FIRST_LINE) {
+    http_replyVersionSet(reply, 1, 1);
+    if (announceClose(reply) == 0) replyWithStatus(request, reply, statusOfRefusal(refusal));
+  }
+  if (http_replyStatusCode(reply) != 0) accessLogWrite(request, reply);
+  echoEnd(request);
+}
+
+}  // namespace
+
+void routesSetUp(const Options& options, std::function<Counters()> counters) {
+  root = options.root;
+  demo = options.demo;
+  currentCounters = std::move(counters);
+}
+
+void routesInstall(HttpServer* server) {
+  server->requestHandler = onRequest;
+  server->bodyHandler = onBody;
+  server->replyDoneHandler = onReplyDone;
+  server->errorHandler = onError;
+}

@@ -1,0 +1,306 @@
+#include <zel/peer.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform_internal.h"
+
+namespace zel {
+
+namespace {
+
+struct EventSlot {
+  int event;
+  int direction;
+  Slot slot;
+};
+
+constexpr EventSlot kEvents[] = {
+    {PEER_EVENT_ACCEPT, PEER_DIRECTION_IN, kOnAccept},      {PEER_EVENT_DATA, PEER_DIRECTION_IN, kOnData},
+    {PEER_EVENT_WRITABLE, PEER_DIRECTION_OUT, kOnWritable}, {PEER_EVENT_DRAINED, PEER_DIRECTION_OUT, kOnDrained},
+    {PEER_EVENT_CLOSE, PEER_DIRECTION_NONE, kOnClose},
+};
+
+const EventSlot* findEvent(int event, int direction) {
+  for (const EventSlot& known : kEvents)
+    if (known.event == event && known.direction == direction) return &known;
+  return nullptr;
+}
+
+int pollNow(const ZelPeer* peer, short events) {
+  pollfd state = {peer->fd, events, 0};
+  return poll(&state, 1, 0) > 0 ? state.revents : 0;
+}
+
+/** Asks the transport, which may hold bytes of its own. @return as recv() */
+ssize_t peekOne(ZelPeer* peer) {
+  char byte;
+  return peer->transport->peek(peer, &byte, 1);
+}
+
+/** Something can be read without waiting for the socket. */
+bool hasInputAtHand(ZelPeer* peer) {
+  const bool isNew = peer->tryRead;
+  peer->tryRead = false;
+  if (stream_unread(peer) > 0 || (isNew && peer->eof)) return true;
+  if (peer->transport == &kSocketTransport) return false;
+  return (isNew || peer->readTurn == loop.turn) && peekOne(peer) > 0;
+}
+
+/** The socket refused output for good; whoever reads may still take what came in before. */
+bool isWorthReading(ZelPeer* peer) {
+  return peer->handlers[kOnData] && (stream_unread(peer) > 0 || peekOne(peer) > 0);
+}
+
+/** Another peer's handler may have read this one's input after the socket was found readable. */
+bool wasReadMeanwhile(ZelPeer* peer) {
+  return peer->readTurn == loop.turn && stream_unread(peer) == 0 && peekOne(peer) < 0 && errno == EAGAIN;
+}
+
+bool offerInput(ZelPeer* peer) {
+  if (wasReadMeanwhile(peer)) return true;
+  return peer_raise(peer, peer->handlers[kOnData], true);
+}
+
+/** Nobody reads: tells a peer that is gone from one that sent urgent data. @return false when it has ended */
+bool checkAlive(ZelPeer* peer) {
+  if (pollNow(peer, 0) & (POLLHUP | POLLERR | POLLNVAL)) {
+    peer_end(peer, Ending::Vanished);
+    return false;
+  }
+  char urgent;
+  recv(peer->fd, &urgent, 1, MSG_OOB | MSG_DONTWAIT);  // or it would be reported for ever
+  return true;
+}
+
+bool takesOutput(const ZelPeer* peer) { return !peer->blocked && peer->output.bytes == 0; }
+
+void onSocket(ZelPeer* peer, bool failed, int events) {
+  loop_markWork(peer);
+  if (failed || (events & UV_WRITABLE)) peer->blocked = false;
+  if (peer->handlers[kOnData]) {
+    if ((failed || (events & UV_READABLE)) && !offerInput(peer)) return;
+  } else if (failed || (events & UV_PRIORITIZED)) {
+    if (!checkAlive(peer)) return;
+  }
+  if ((events & UV_WRITABLE) && peer->handlers[kOnWritable] && takesOutput(peer))
+    peer_raise(peer, peer->handlers[kOnWritable], false);
+}
+
+uint8_t wantedInterest(const ZelPeer* peer) {
+  if (peer->socket == Socket::Listening)
+    return peer->handlers[kOnAccept] && peer->listener->link.alone() ? UV_READABLE : 0;
+  int wanted = 0;
+  if (peer->handlers[kOnData]) wanted |= UV_READABLE;
+  if (peer->output.bytes > 0 ? peer->blocked : peer->handlers[kOnWritable] != nullptr) wanted |= UV_WRITABLE;
+  // With nothing to wait for the descriptor stays in the poll set: a peer that vanishes is reported all the same.
+  return static_cast<uint8_t>(wanted ? wanted : UV_PRIORITIZED);
+}
+
+/** @return false when the peer has ended */
+bool flush(ZelPeer* peer) {
+  switch (stream_flush(peer)) {
+    case Flush::Done:
+    case Flush::Blocked: break;
+    case Flush::More: loop_markWork(peer); break;
+    case Flush::Dead: peer->writeDead = true; break;
+  }
+  if (!peer->writeDead || isWorthReading(peer)) return true;
+  peer_end(peer, Ending::Vanished);
+  return false;
+}
+
+bool raiseDrained(ZelPeer* peer) {
+  if (!peer->undrained || peer->output.bytes > 0 || peer->writeDead) return true;
+  peer->undrained = false;
+  return !peer->handlers[kOnDrained] || peer_raise(peer, peer->handlers[kOnDrained], false);
+}
+
+bool raiseInput(ZelPeer* peer) {
+  if (!peer->handlers[kOnData] || !hasInputAtHand(peer)) return true;
+  return peer_raise(peer, peer->handlers[kOnData], true);
+}
+
+/** Spares a new handler of event 4 the way through the poll set. */
+bool raiseWritable(ZelPeer* peer) {
+  if (!peer->tryWritable) return true;
+  peer->tryWritable = false;
+  if (!peer->handlers[kOnWritable] || !takesOutput(peer) || !(pollNow(peer, POLLOUT) & POLLOUT)) return true;
+  return peer_raise(peer, peer->handlers[kOnWritable], false);
+}
+
+CloseHandler** findCloseHandler(ZelPeer* peer, ZelPeerHandler handler) {
+  CloseHandler** place = &peer->closeHandlers;
+  while (*place && (*place)->handler != handler) place = &(*place)->next;
+  return place;
+}
+
+}  // namespace
+
+ZelPeer* peer_create(ZelConnection* connection, int fd, Socket socket) {
+  ZelPeer* peer = static_cast<ZelPeer*>(calloc(1, sizeof(ZelPeer)));
+  if (!peer) return failWithErrno<ZelPeer>();
+  peer->link.init();
+  peer->connection = connection;
+  peer->transport = &kSocketTransport;
+  peer->fd = fd;
+  peer->socket = socket;
+  peer->serial = llist_appendSerial(connection->peers, peer);
+  if (peer->serial) return peer;
+  fail(ENOMEM);
+  free(peer);
+  return nullptr;
+}
+
+bool peer_openPoll(ZelPeer* peer) {
+  const int status = uv_poll_init(&loop.uv, &peer->poll, peer->fd);
+  if (status < 0) return fail(static_cast<uint32_t>(-status));
+  peer->poll.data = peer;
+  peer->polled = true;
+  loop_markWork(peer);
+  return true;
+}
+
+void peer_onPoll(uv_poll_t* handle, int status, int events) {
+  ZelPeer* peer = static_cast<ZelPeer*>(handle->data);
+  if (status < 0) peer->interest = 0;  // libuv has stopped the handle
+  if (peer->ended)
+    peer_lingerEvent(peer, status < 0, events);
+  else if (peer->socket == Socket::Listening)
+    listener_accept(peer);
+  else
+    onSocket(peer, status < 0, events);
+}
+
+bool peer_raise(ZelPeer* peer, ZelPeerHandler handler, bool reading) {
+  stream_lend(peer, reading);
+  loop.current = peer;
+  const bool handled = handler(peer);
+  loop.current = nullptr;
+  if (!handled) peer_end(peer, Ending::Here);
+  if (peer->ended) return false;
+  if (!stream_takeBack(peer)) peer_failLater(peer, ENOMEM);
+  loop_markWork(peer);
+  return true;
+}
+
+void peer_failLater(ZelPeer* peer, uint32_t reason) {
+  peer->failed = true;
+  peer->reason = reason;
+  loop_markWork(peer);
+}
+
+void peer_step(ZelPeer* peer) {
+  if (peer->failed) {
+    zel_error = peer->reason;
+    return peer_end(peer, Ending::Vanished);
+  }
+  if (peer->socket != Socket::Connected) return;
+  if (flush(peer) && raiseDrained(peer) && raiseInput(peer)) raiseWritable(peer);
+}
+
+void peer_applyInterest(ZelPeer* peer) {
+  if (!peer->polled || peer->ending) return;
+  const uint8_t wanted = wantedInterest(peer);
+  if (wanted == peer->interest) return;
+  peer->interest = wanted;
+  if (wanted)
+    uv_poll_start(&peer->poll, wanted, peer_onPoll);
+  else
+    uv_poll_stop(&peer->poll);
+  loop.pollsChanged = true;
+}
+
+void peer_rememberRemote(ZelPeer* peer, const sockaddr* address, socklen_t length) {
+  peer->remoteFamily = length >= sizeof(sa_family_t) ? static_cast<uint8_t>(address->sa_family) : 0;
+  if (peer->remoteFamily == AF_INET)
+    memcpy(peer->remote, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, sizeof(in_addr));
+  if (peer->remoteFamily != AF_INET6) return;
+  const in6_addr* ip = &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr;
+  if (IN6_IS_ADDR_V4MAPPED(ip)) {
+    peer->remoteFamily = AF_INET;
+    memcpy(peer->remote, ip->s6_addr + 12, sizeof(in_addr));
+  } else {
+    memcpy(peer->remote, ip, sizeof(in6_addr));
+  }
+}
+
+}  // namespace zel
+
+using namespace zel;
+
+extern "C" bool peer_setEventHandler(ZelPeer* peer, int event, int direction, ZelPeerHandler handler) {
+  if (!peer || peer->ending) return fail(ZEL_ERROR_BAD_PEER);
+  const EventSlot* known = findEvent(event, direction);
+  if (!known) return fail(ZEL_ERROR_NO_HANDLER);
+  peer->handlers[known->slot] = handler;
+  if (known->slot == kOnData) peer->tryRead = handler != nullptr;
+  if (known->slot == kOnWritable) peer->tryWritable = handler != nullptr;
+  if (known->slot != kOnClose) loop_markWork(peer);
+  return true;
+}
+
+extern "C" bool peer_addCloseHandler(ZelPeer* peer, ZelPeerHandler handler) {
+  if (!peer || peer->ending) return fail(ZEL_ERROR_BAD_PEER);
+  if (!handler) return fail(ZEL_ERROR_NO_HANDLER);
+  CloseHandler** place = findCloseHandler(peer, handler);
+  if (*place) return true;
+  CloseHandler* added = static_cast<CloseHandler*>(malloc(sizeof(CloseHandler)));
+  if (!added) return fail(ENOMEM);
+  *added = CloseHandler{nullptr, handler};
+  *place = added;
+  return true;
+}
+
+extern "C" bool peer_removeCloseHandler(ZelPeer* peer, ZelPeerHandler handler) {
+  if (!peer) return fail(ZEL_ERROR_BAD_PEER);
+  CloseHandler** place = findCloseHandler(peer, handler);
+  CloseHandler* found = *place;
+  if (!found) return false;
+  *place = found->next;
+  free(found);
+  return true;
+}
+
+extern "C" ZelConnection* peer_connection(const ZelPeer* peer) { return peer ? peer->connection : nullptr; }
+
+extern "C" int peer_socket(const ZelPeer* peer) {
+  if (peer && !peer->ended && !peer->failed && peer->fd >= 0) return peer->fd;
+  fail(ZEL_ERROR_BAD_PEER);
+  return -1;
+}
+
+extern "C" const char* peer_address(ZelPeer* peer) {
+  if (!peer || peer->remoteFamily == 0) return "";
+  if (peer->remoteFamily == AF_UNIX) return "unix";
+  if (!peer->address) peer->address = static_cast<char*>(malloc(INET6_ADDRSTRLEN));
+  if (!peer->address || !inet_ntop(peer->remoteFamily, peer->remote, peer->address, INET6_ADDRSTRLEN)) return "";
+  return peer->address;
+}
+
+extern "C" unsigned peer_localPort(const ZelPeer* peer) {
+  sockaddr_storage address;
+  socklen_t length = sizeof(address);
+  if (!peer || peer->fd < 0 || getsockname(peer->fd, reinterpret_cast<sockaddr*>(&address), &length) < 0) return 0;
+  if (address.ss_family == AF_INET) return ntohs(reinterpret_cast<sockaddr_in*>(&address)->sin_port);
+  if (address.ss_family == AF_INET6) return ntohs(reinterpret_cast<sockaddr_in6*>(&address)->sin6_port);
+  return 0;
+}
+
+extern "C" void* peer_userData(const ZelPeer* peer) { return peer ? peer->userData : nullptr; }
+
+extern "C" void peer_setUserData(ZelPeer* peer, void* userData) {
+  if (peer) peer->userData = userData;
+}
+
+extern "C" void peer_close(ZelPeer* peer) {
+  if (peer) peer_end(peer, Ending::Here);
+}
+
+extern "C" void peer_destroy(ZelPeer* peer) { peer_close(peer); }

@@ -1,0 +1,291 @@
+// The stdio streams of a peer. Both are unbuffered at rest, so that an idle peer holds no buffers; while one of its
+// handlers runs they work in buffers lent by the loop.
+#include <stdio_ext.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "platform_internal.h"
+
+namespace zel {
+
+namespace {
+
+constexpr int kPartsPerFlush = 64;
+
+template <typename Call>
+ssize_t retried(Call call) {
+  ssize_t result;
+  do result = call();
+  while (result < 0 && errno == EINTR);
+  return result;
+}
+
+ssize_t socketRead(ZelPeer* peer, void* buffer, size_t length) {
+  return retried([=] { return recv(peer->fd, buffer, length, MSG_DONTWAIT); });
+}
+
+ssize_t socketWrite(ZelPeer* peer, const void* buffer, size_t length) {
+  return retried([=] { return send(peer->fd, buffer, length, MSG_DONTWAIT | MSG_NOSIGNAL); });
+}
+
+ssize_t socketPeek(ZelPeer* peer, void* buffer, size_t length) {
+  return retried([=] { return recv(peer->fd, buffer, length, MSG_DONTWAIT | MSG_PEEK); });
+}
+
+bool wouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK; }
+
+/** Keeps what a read or peek has told about the other side. */
+ssize_t noteInput(ZelPeer* peer, ssize_t result) {
+  if (result == 0) peer->eof = true;
+  if (result < 0 && !wouldBlock()) peer->reset = true;
+  return result;
+}
+
+ssize_t refuse(int error) {
+  errno = error;
+  return -1;
+}
+
+ssize_t readInput(void* cookie, char* buffer, size_t size) {
+  ZelPeer* peer = static_cast<ZelPeer*>(cookie);
+  if (peer->ended || peer->fd < 0) return peer->ended ? 0 : refuse(EAGAIN);
+  if (peer->socket == Socket::Connecting) return refuse(EAGAIN);
+  peer->readTurn = loop.turn;
+  return noteInput(peer, peer->transport->read(peer, buffer, size));
+}
+
+ssize_t writeQueued(ZelPeer* peer, const char* data, size_t size) {
+  const size_t kept = queue_append(&peer->output, data, size);
+  if (kept < size) errno = ENOMEM;
+  return static_cast<ssize_t>(kept);
+}
+
+/** What the socket takes of @p data at once. @return -1 when it will never take anything again */
+ssize_t offerToSocket(ZelPeer* peer, const char* data, size_t size) {
+  if (peer->blocked || peer->socket != Socket::Connected) return 0;
+  const ssize_t sent = peer->transport->write(peer, data, size);
+  if (sent < 0 && !wouldBlock()) return -1;
+  const ssize_t taken = std::max<ssize_t>(sent, 0);
+  // A socket that takes less is full; another transport may have reasons of its own.
+  peer->blocked = sent < 0 || (peer->transport == &kSocketTransport && static_cast<size_t>(taken) < size);
+  return taken;
+}
+
+ssize_t writeDirect(ZelPeer* peer, const char* data, size_t size) {
+  ssize_t sent = 0;
+  if (peer->output.bytes == 0) sent = offerToSocket(peer, data, size);
+  if (sent < 0) {
+    peer->writeDead = true;
+    return 0;
+  }
+  const size_t rest = size - static_cast<size_t>(sent);
+  const size_t kept = queue_append(&peer->output, data + sent, rest);
+  if (kept < rest) {
+    errno = ENOMEM;
+    return sent + static_cast<ssize_t>(kept);
+  }
+  if (peer->output.bytes > 0 && peer->socket == Socket::Connected && stream_flush(peer) == Flush::Dead)
+    peer->writeDead = true;
+  errno = peer->output.bytes > 0 ? EAGAIN : 0;
+  return static_cast<ssize_t>(size);
+}
+
+ssize_t writeOutput(void* cookie, const char* data, size_t size) {
+  ZelPeer* peer = static_cast<ZelPeer*>(cookie);
+  if (peer->ended || peer->writeDead) {
+    errno = EPIPE;
+    return 0;
+  }
+  peer->wrote = peer->undrained = true;
+  loop_markWork(peer);
+  return peer->direct ? writeDirect(peer, data, size) : writeQueued(peer, data, size);
+}
+
+FILE* openStream(ZelPeer* peer, const char* mode, cookie_io_functions_t functions) {
+  FILE* stream = fopencookie(peer, mode, functions);
+  if (!stream) return failWithErrno<FILE>();
+  __fsetlocking(stream, FSETLOCKING_BYCALLER);
+  setvbuf(stream, nullptr, _IONBF, 0);
+  return stream;
+}
+
+/** stdio reads from a place of its own while pushed back characters wait. */
+bool isPushedBack(const FILE* stream) {
+  constexpr int kInBackup = 0x0100;
+  return stream->_flags & kInBackup;
+}
+
+/** Whether the buffer of the input stream may be changed: nothing may be in it. */
+bool isInputEmpty(const ZelPeer* peer) { return stream_unread(peer) == 0 && !isPushedBack(peer->in); }
+
+char* lend(FILE* stream) {
+  char* buffer = loop_takeBuffer();
+  if (buffer) setvbuf(stream, buffer, _IOFBF, kStreamBufferSize);
+  return buffer;
+}
+
+void takeBack(FILE* stream, char** buffer) {
+  setvbuf(stream, nullptr, _IONBF, 0);
+  loop_returnBuffer(*buffer);
+  *buffer = nullptr;
+}
+
+bool takeBackOutput(ZelPeer* peer) {
+  if (!peer->outBuffer) return true;
+  const bool kept = fflush_unlocked(peer->out) == 0;
+  if (!kept) __fpurge(peer->out);  // or setvbuf() would refuse, with the buffer still in use
+  takeBack(peer->out, &peer->outBuffer);
+  return kept || peer->writeDead;
+}
+
+Flush flushParts(ZelPeer* peer) {
+  iovec parts[kPartsPerFlush];
+  msghdr message = {};
+  message.msg_iov = parts;
+  message.msg_iovlen = static_cast<size_t>(queue_front(&peer->output, parts, kPartsPerFlush));
+  size_t offered = 0;
+  for (size_t i = 0; i < message.msg_iovlen; ++i) offered += parts[i].iov_len;
+  const ssize_t sent = retried([&] { return sendmsg(peer->fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL); });
+  if (sent < 0) return wouldBlock() ? Flush::Blocked : Flush::Dead;
+  queue_consume(&peer->output, static_cast<size_t>(sent));
+  if (static_cast<size_t>(sent) < offered) return Flush::Blocked;
+  return peer->output.bytes > 0 ? Flush::More : Flush::Done;
+}
+
+Flush flushPart(ZelPeer* peer) {
+  iovec part;
+  queue_front(&peer->output, &part, 1);
+  const ssize_t sent = peer->transport->write(peer, part.iov_base, part.iov_len);
+  if (sent < 0) return wouldBlock() ? Flush::Blocked : Flush::Dead;
+  queue_consume(&peer->output, static_cast<size_t>(sent));
+  return peer->output.bytes > 0 ? Flush::More : Flush::Done;
+}
+
+size_t copyOut(char** to, size_t room, const char* from, const char* end) {
+  const size_t part = std::min(room, static_cast<size_t>(end - from));
+  memcpy(*to, from, part);
+  *to += part;
+  return part;
+}
+
+}  // namespace
+
+const ZelTransport kSocketTransport = {socketRead, socketWrite, socketPeek, PEER_CAPABILITY_SENDFILE};
+
+size_t stream_unread(const ZelPeer* peer) {
+  const FILE* stream = peer->in;
+  if (!stream) return 0;
+  ptrdiff_t unread = stream->_IO_read_end - stream->_IO_read_ptr;
+  if (isPushedBack(stream)) unread += stream->_IO_save_end - stream->_IO_save_base;
+  return static_cast<size_t>(unread);
+}
+
+void stream_lend(ZelPeer* peer, bool reading) {
+  if (reading && peer->in && !peer->inBuffer && isInputEmpty(peer)) peer->inBuffer = lend(peer->in);
+  if (peer->out && !peer->outBuffer && !peer->direct) peer->outBuffer = lend(peer->out);
+}
+
+bool stream_takeBack(ZelPeer* peer) {
+  if (peer->inBuffer && isInputEmpty(peer)) takeBack(peer->in, &peer->inBuffer);
+  return takeBackOutput(peer);
+}
+
+void stream_dropOutput(ZelPeer* peer) {
+  if (peer->out) __fpurge(peer->out);
+  queue_clear(&peer->output);
+}
+
+void stream_close(ZelPeer* peer) {
+  if (peer->in) fclose(peer->in);
+  if (peer->out) fclose(peer->out);
+  peer->in = peer->out = nullptr;
+  if (peer->inBuffer) loop_returnBuffer(peer->inBuffer);
+  if (peer->outBuffer) loop_returnBuffer(peer->outBuffer);
+  peer->inBuffer = peer->outBuffer = nullptr;
+}
+
+Flush stream_flush(ZelPeer* peer) {
+  if (peer->output.bytes == 0) return Flush::Done;
+  if (peer->blocked) return Flush::Blocked;
+  const Flush result = peer->transport == &kSocketTransport ? flushParts(peer) : flushPart(peer);
+  peer->blocked = result == Flush::Blocked;
+  if (result == Flush::Dead) queue_clear(&peer->output);
+  return result;
+}
+
+}  // namespace zel
+
+using namespace zel;
+
+extern "C" FILE* peer_inStream(ZelPeer* peer) {
+  if (!peer || peer->ended || peer->socket == Socket::Listening) {
+    errno = ENOTCONN;
+    fail(ZEL_ERROR_BAD_PEER);
+    return nullptr;
+  }
+  if (!peer->in) peer->in = openStream(peer, "r", {readInput, nullptr, nullptr, nullptr});
+  return peer->in;
+}
+
+extern "C" FILE* peer_outStream(ZelPeer* peer, int type) {
+  if (!peer || peer->ended || peer->socket == Socket::Listening) {
+    errno = ENOTCONN;
+    fail(ZEL_ERROR_BAD_PEER);
+    return nullptr;
+  }
+  if (type != PEER_STREAM_CURRENT && type != (peer->direct ? PEER_STREAM_DIRECT : PEER_STREAM_BUFFERED)) {
+    errno = EINVAL;
+    return failWithErrno<FILE>();
+  }
+  if (!peer->out) {
+    peer->out = openStream(peer, "w", {nullptr, writeOutput, nullptr, nullptr});
+    if (peer->out && loop.current == peer) stream_lend(peer, false);
+  }
+  return peer->out;
+}
+
+extern "C" ssize_t peer_peek(ZelPeer* peer, void* buffer, size_t length) {
+  if (!peer || peer->ended || peer->socket == Socket::Listening) {
+    fail(ZEL_ERROR_BAD_PEER);
+    return refuse(ENOTCONN);
+  }
+  if (length == 0) return refuse(EINVAL);
+  if (stream_unread(peer) > 0) {
+    const FILE* in = peer->in;
+    char* to = static_cast<char*>(buffer);
+    size_t done = copyOut(&to, length, in->_IO_read_ptr, in->_IO_read_end);
+    if (isPushedBack(in)) done += copyOut(&to, length - done, in->_IO_save_base, in->_IO_save_end);
+    return static_cast<ssize_t>(done);
+  }
+  if (peer->socket == Socket::Connecting) return refuse(EAGAIN);
+  return noteInput(peer, peer->transport->peek(peer, buffer, length));
+}
+
+extern "C" size_t peer_bytesQueued(const ZelPeer* peer) {
+  if (!peer) return 0;
+  return peer->output.bytes + (peer->out ? __fpending(peer->out) : 0);
+}
+
+extern "C" bool peer_setStreamType(ZelPeer* peer, int type) {
+  if (!peer || peer->ending) return fail(ZEL_ERROR_BAD_PEER);
+  if (type != PEER_STREAM_BUFFERED && type != PEER_STREAM_DIRECT) return fail(EINVAL);
+  if (type == PEER_STREAM_DIRECT) {
+    if (peer_bytesQueued(peer) > 0) return fail(EBUSY);
+    takeBackOutput(peer);
+    peer->wrote = true;  // whoever asks for this mode may write to the descriptor itself
+  }
+  peer->direct = type == PEER_STREAM_DIRECT;
+  return true;
+}
+
+extern "C" unsigned peer_capabilities(const ZelPeer* peer) { return peer ? peer->transport->capabilities : 0; }
+
+extern "C" void peer_setTransport(ZelPeer* peer, const ZelTransport* transport) {
+  if (!peer || peer->ending) return;
+  peer->transport = transport ? transport : &kSocketTransport;
+  peer->tryRead = true;
+  loop_markWork(peer);
+}
