@@ -440,11 +440,15 @@ constexpr cookie_io_functions_t kBuffered{body_read_buffered, body_write_normal,
                                           body_close_buffered};
 constexpr cookie_io_functions_t kChunked{body_read_chunked, body_write_chunked, body_seek_refused, body_close_chunked};
 
-// Opens a stream of @p functions over a context of type Body, which the stream owns.
+// Opens a stream of @p functions over a context of type Body, which the stream owns. The stream's own buffer stands
+// behind the context, no larger than a body of known @p length needs.
 template <typename Body>
-Body* open(HttpMessage* message, FILE* parent, const char* mode, const cookie_io_functions_t& functions) {
-  auto body = makeZeroed<Body>();
+Body* open(HttpMessage* message, FILE* parent, uint64_t length, const char* mode,
+           const cookie_io_functions_t& functions) {
+  const size_t bufferSize = length != 0 ? std::min<uint64_t>(length, BUFSIZ) : BUFSIZ;
+  CPointer<Body> body(static_cast<Body*>(std::malloc(sizeof(Body) + bufferSize)));
   if (!body) return nullptr;
+  std::memset(body.get(), 0, sizeof(Body));
   if (message->state >= HTTP_MSG_DONE) {
     TRACE_ERROR("body has already been opened for this message");
     errno = EINVAL;
@@ -455,6 +459,7 @@ Body* open(HttpMessage* message, FILE* parent, const char* mode, const cookie_io
   body->stream = fopencookie(body.get(), mode, functions);
   if (body->stream == nullptr) return nullptr;
   __fsetlocking(body->stream, FSETLOCKING_BYCALLER);
+  std::setvbuf(body->stream, reinterpret_cast<char*>(body.get() + 1), _IOFBF, bufferSize);
   message->state = HTTP_MSG_BODY;
   return body.release();
 }
@@ -462,7 +467,7 @@ Body* open(HttpMessage* message, FILE* parent, const char* mode, const cookie_io
 template <typename Body>
 FILE* openOfLength(HttpMessage* message, FILE* parent, uint64_t length, const char* mode,
                    const cookie_io_functions_t& functions) {
-  Body* const body = open<Body>(message, parent, mode, functions);
+  Body* const body = open<Body>(message, parent, length, mode, functions);
   if (body == nullptr) return nullptr;
   body->length = static_cast<uint32_t>(length);
   return body->stream;
@@ -532,7 +537,7 @@ FILE* body_fopen(HttpMessage* message, FILE* parent, const char* mode) {
       return openOfLength<NormalBody>(message, parent, 0, mode, kNormal);
     case HTTP_BODY_CHUNKED: {
       TRACE_NOTICE("opening chunked encoded body");
-      ChunkedBody* const body = open<ChunkedBody>(message, parent, mode, kChunked);
+      ChunkedBody* const body = open<ChunkedBody>(message, parent, 0, mode, kChunked);
       return body != nullptr ? body->stream : nullptr;
     }
     case HTTP_BODY_MULTIPART: {

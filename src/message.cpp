@@ -125,6 +125,36 @@ char* takeLine(HttpMessage* message) {
   return line;
 }
 
+// Counts the line that was written at lineEnd, @p length bytes without its NUL.
+void lineWritten(HttpMessage* message, size_t length) {
+  message->lineStart = message->lineEnd;
+  message->lineEnd += static_cast<uint32_t>(length) + 1;
+  message->fill = message->lineEnd;
+}
+
+// Appends the line "name: value" without going through a format.
+int appendHeaderText(HttpMessage* message, std::string_view name, std::string_view value) {
+  const size_t length = name.size() + 2 + value.size();
+  if (length >= UINT32_MAX) return -1;
+  if (length + 1 > message->bufferSize - message->lineEnd) {
+    // The value may stand in the buffer that is about to move.
+    const bool inside = value.data() >= message->buffer && value.data() < message->buffer + message->bufferSize;
+    const ptrdiff_t valueAt = inside ? value.data() - message->buffer : 0;
+    if (msg_growAndKeep(message, static_cast<unsigned>(length) + 1) < 0) {
+      TRACE_ERROR("unable to grow buffer");
+      return -1;
+    }
+    if (inside) value = {message->buffer + valueAt, value.size()};
+  }
+  char* out = message->buffer + message->lineEnd;
+  std::memcpy(out, name.data(), name.size());
+  std::memcpy(out + name.size(), ": ", 2);
+  std::memcpy(out + name.size() + 2, value.data(), value.size());
+  out[length] = '\0';
+  lineWritten(message, length);
+  return 0;
+}
+
 // The formatted line, copied to the end of the buffer. Formatted before the buffer moves: arguments may point into it.
 int appendLongLine(HttpMessage* message, const char* format, va_list arguments) {
   char* text = nullptr;
@@ -171,7 +201,6 @@ int msg_lineSetV(HttpMessage* message, const char* format, va_list arguments) {
     TRACE_ERROR("unable to initialize message buffer");
     return -1;
   }
-  message->lineStart = message->lineEnd;
   const size_t space = message->bufferSize - message->lineEnd;
   va_list again;
   va_copy(again, arguments);
@@ -182,9 +211,7 @@ int msg_lineSetV(HttpMessage* message, const char* format, va_list arguments) {
     length = appendLongLine(message, format, again);
   va_end(again);
   if (length < 0) return -1;
-
-  message->lineEnd += static_cast<uint32_t>(length) + 1;
-  message->fill = message->lineEnd;
+  lineWritten(message, static_cast<size_t>(length));
   return 0;
 }
 
@@ -563,14 +590,34 @@ bool nextEntry(HttpMessage* message, Entry* entry) {
 
 const char* nameOf(const Entry& entry) { return entry.name != nullptr ? entry.name : prot_headerString(entry.code); }
 
-int storeFormatted(HttpMessage* message, const char* name, const char* format, va_list arguments, bool allowEmpty) {
+// The value that a format stands for when no formatting is needed: without conversions, or "%s" alone. Else null.
+const char* plainValue(const char* name, const char* format, va_list arguments) {
+  if (std::strchr(name, '%') != nullptr) return nullptr;
+  if (std::strchr(format, '%') == nullptr) return format;
+  if (std::strcmp(format, "%s") != 0) return nullptr;
+  va_list copy;
+  va_copy(copy, arguments);
+  const char* const value = va_arg(copy, const char*);
+  va_end(copy);
+  return value;
+}
+
+// The name is part of the format.
+int appendFormatted(HttpMessage* message, const char* name, const char* format, va_list arguments) {
   char* text = nullptr;
   if (asprintf(&text, "%s: %s", name, format) < 0) {
     TRACE_ERROR("unable to create header: %m");
     return -1;
   }
   const CString lineFormat(text);
-  if (msg_lineSetV(message, lineFormat.get(), arguments) < 0) {
+  return msg_lineSetV(message, lineFormat.get(), arguments);
+}
+
+int storeFormatted(HttpMessage* message, const char* name, const char* format, va_list arguments, bool allowEmpty) {
+  const char* const value = plainValue(name, format, arguments);
+  const int written = value != nullptr ? appendHeaderText(message, name, value)
+                                       : appendFormatted(message, name, format, arguments);
+  if (written < 0) {
     TRACE_ERROR("unable to serialize header");
     return -1;
   }
@@ -584,7 +631,11 @@ int storeFormatted(HttpMessage* message, const char* name, const char* format, v
 }  // namespace
 
 int msg_headerCopy(HttpMessage* message, const char* name, const char* value) {
-  return msg_setHeaderLine(message, "%s: %s", name, value);
+  if (appendHeaderText(message, name, value) < 0) {
+    TRACE_ERROR("unable to set header line");
+    return -1;
+  }
+  return msg_parseHeaderLine(message, message->buffer + message->lineStart, false);
 }
 
 extern "C" {

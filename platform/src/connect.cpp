@@ -1,6 +1,6 @@
 // Connecting: names are resolved and addresses tried one after the other while the loop runs.
-#include <netdb.h>
 #include <arpa/inet.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <unistd.h>

@@ -71,7 +71,8 @@ int listenOn(const char* host, const char* port) {
   addrinfo* found = socketAddress_find(host, port, 0);
   if (!found) return -1;
   int fd = -1;
-  for (const addrinfo* one = found; one && fd < 0; one = one->ai_next) fd = makeListening(one->ai_addr, one->ai_addrlen);
+  for (const addrinfo* one = found; one && fd < 0; one = one->ai_next)
+    fd = makeListening(one->ai_addr, one->ai_addrlen);
   const int error = errno;
   freeaddrinfo(found);
   errno = error;

@@ -98,7 +98,8 @@ void abandon(ZelPeer* peer) {
 
 void finish(ZelPeer* peer, bool gone) {
   switch (peer->socket) {
-    case Socket::Listening: return peer_closeSocket(peer);
+    case Socket::Listening:
+      return peer_closeSocket(peer);
     case Socket::Connecting:
       if (gone || peer->output.bytes == 0) abandon(peer);
       return;

@@ -95,7 +95,8 @@ void emit(int level, char* line, size_t length) {
     case Output::Descriptor:
       line[length] = '\n';
       return writeAll(line, length + 1);
-    case Output::Syslog: return syslog(priority(level), "%s", line);
+    case Output::Syslog:
+      return syslog(priority(level), "%s", line);
     case Output::Function:
       if (!function || inFunction) return;  // a line about handling a line would never end
       inFunction = true;

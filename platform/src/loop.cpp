@@ -139,6 +139,14 @@ SignalSlot* makeSignal(int number) {
   return nullptr;
 }
 
+/** libuv does nothing for what lingers alone: its timer stands in for it. */
+void runOnce(uv_run_mode mode) {
+  const bool lingersAlone = !loop.lingering.alone() && !uv_loop_alive(&loop.uv);
+  if (lingersAlone) uv_ref(asHandle(&loop.lingerEnd));
+  uv_run(&loop.uv, mode);
+  if (lingersAlone) uv_unref(asHandle(&loop.lingerEnd));
+}
+
 uint64_t milliseconds(uint64_t from, uint64_t to) { return to > from ? to - from : 0; }
 
 }  // namespace
@@ -192,7 +200,7 @@ extern "C" bool zel_loop_turn(int milliseconds) {
     uv_update_time(&loop.uv);
     uv_timer_start(&loop.limit, zel::onLimit, static_cast<uint64_t>(milliseconds), 0);
   }
-  uv_run(&loop.uv, milliseconds == 0 ? UV_RUN_NOWAIT : UV_RUN_ONCE);
+  zel::runOnce(milliseconds == 0 ? UV_RUN_NOWAIT : UV_RUN_ONCE);
   uv_timer_stop(&loop.limit);
   zel::work();  // of the timers that ran last
   zel::restIfIdle();
@@ -207,7 +215,7 @@ extern "C" int zel_loop_run(void) {
     return -1;
   }
   loop.stopped = false;
-  while (zel_loop_turn(-1) && !loop.stopped) continue;
+  while (!loop.stopped && uv_loop_alive(&loop.uv)) zel_loop_turn(-1);
   return 0;
 }
 
@@ -221,21 +229,18 @@ extern "C" int zel_loop_timeout(void) {
   uv_update_time(&loop.uv);
   if (uv_loop_alive(&loop.uv)) return uv_backend_timeout(&loop.uv);
   if (loop.lingering.alone()) return -1;
-  const uint64_t left =
-      zel::milliseconds(uv_now(&loop.uv), zel::linked<ZelPeer>(loop.lingering.next)->deadline);
+  const uint64_t left = zel::milliseconds(uv_now(&loop.uv), zel::linked<ZelPeer>(loop.lingering.next)->deadline);
   return static_cast<int>(left);
 }
 
 extern "C" void zel_loop_drain(unsigned milliseconds) {
   if (!loop.open || loop.inTurn) return;
   const uint64_t end = zel::loop_now() + milliseconds;
-  uv_ref(zel::asHandle(&loop.limit));  // what lingers alone does not keep a turn waiting
   while (!loop.ended.alone() || !loop.lingering.alone()) {
     const uint64_t left = zel::milliseconds(zel::loop_now(), end);
     if (left == 0) break;
     zel_loop_turn(static_cast<int>(std::min<uint64_t>(left, INT32_MAX)));
   }
-  uv_unref(zel::asHandle(&loop.limit));
 }
 
 extern "C" bool zel_loop_onSignal(int signal, ZelSignalHandler handler, void* userData) {

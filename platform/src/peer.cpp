@@ -54,9 +54,7 @@ bool hasInputAtHand(ZelPeer* peer) {
 }
 
 /** The socket refused output for good; whoever reads may still take what came in before. */
-bool isWorthReading(ZelPeer* peer) {
-  return peer->handlers[kOnData] && (stream_unread(peer) > 0 || peekOne(peer) > 0);
-}
+bool isWorthReading(ZelPeer* peer) { return peer->handlers[kOnData] && (stream_unread(peer) > 0 || peekOne(peer) > 0); }
 
 /** Another peer's handler may have read this one's input after the socket was found readable. */
 bool wasReadMeanwhile(ZelPeer* peer) {
@@ -107,9 +105,14 @@ uint8_t wantedInterest(const ZelPeer* peer) {
 bool flush(ZelPeer* peer) {
   switch (stream_flush(peer)) {
     case Flush::Done:
-    case Flush::Blocked: break;
-    case Flush::More: loop_markWork(peer); break;
-    case Flush::Dead: peer->writeDead = true; break;
+    case Flush::Blocked:
+      break;
+    case Flush::More:
+      loop_markWork(peer);
+      break;
+    case Flush::Dead:
+      peer->writeDead = true;
+      break;
   }
   if (!peer->writeDead || isWorthReading(peer)) return true;
   peer_end(peer, Ending::Vanished);
@@ -181,6 +184,7 @@ void peer_onPoll(uv_poll_t* handle, int status, int events) {
 bool peer_raise(ZelPeer* peer, ZelPeerHandler handler, bool reading) {
   stream_lend(peer, reading);
   loop.current = peer;
+  loop.currentReads = reading;
   const bool handled = handler(peer);
   loop.current = nullptr;
   if (!handled) peer_end(peer, Ending::Here);

@@ -94,14 +94,14 @@ struct ZelPeer {
   zel::Socket socket;
   bool polled : 1;
   bool direct : 1;
-  bool ending : 1;    /**< its close handlers run or have run; no events any more */
-  bool ended : 1;     /**< they have run: writes fail, reads find the end */
-  bool heldByTurn : 1; /**< its memory and streams stay until the end of the turn */
-  bool failed : 1;     /**< to be ended by the loop */
-  bool writeDead : 1; /**< the socket refused output for good; what can be read is still offered */
-  bool blocked : 1;   /**< the socket is full: wait until it takes data */
-  bool wrote : 1;     /**< output was ever made */
-  bool undrained : 1; /**< output was made for which event 5 has not been raised */
+  bool ending : 1;      /**< its close handlers run or have run; no events any more */
+  bool ended : 1;       /**< they have run: writes fail, reads find the end */
+  bool heldByTurn : 1;  /**< its memory and streams stay until the end of the turn */
+  bool failed : 1;      /**< to be ended by the loop */
+  bool writeDead : 1;   /**< the socket refused output for good; what can be read is still offered */
+  bool blocked : 1;     /**< the socket is full: wait until it takes data */
+  bool wrote : 1;       /**< output was ever made */
+  bool undrained : 1;   /**< output was made for which event 5 has not been raised */
   bool tryWritable : 1; /**< a handler of event 4 is new: ask the socket before waiting for it */
   bool tryRead : 1;     /**< a handler of event 3 is new: what is at hand is offered without waiting for the socket */
   bool eof : 1;         /**< the end of the input has been seen */
@@ -120,18 +120,19 @@ struct Loop {
   uv_loop_t uv;
   uv_prepare_t prepare;
   uv_check_t check;
-  uv_idle_t idle;        /**< active while work is left: the loop must not sleep */
-  uv_timer_t limit;      /**< ends the wait of zel_loop_turn(milliseconds) */
-  uv_timer_t lingerEnd;  /**< for the first of `lingering` */
+  uv_idle_t idle;         /**< active while work is left: the loop must not sleep */
+  uv_timer_t limit;       /**< ends the wait of zel_loop_turn(milliseconds) */
+  uv_timer_t lingerEnd;   /**< for the first of `lingering` */
   uv_timer_t acceptAgain; /**< runs while a listening peer is starved */
-  Link work;      /**< peers to look at before the loop sleeps */
-  Link settled;   /**< peers looked at whose interest may have changed */
-  Link ended;     /**< peers that ended in this turn */
-  Link lingering; /**< ended peers whose socket is still open, by deadline */
-  Link timers;    /**< every timer that was ever started on this loop */
-  Link due;       /**< timers started with 0 ms */
-  Link starved;   /**< listening peers that wait for a free descriptor */
-  ZelPeer* current; /**< whose handler runs */
+  Link work;              /**< peers to look at before the loop sleeps */
+  Link settled;           /**< peers looked at whose interest may have changed */
+  Link ended;             /**< peers that ended in this turn */
+  Link lingering;         /**< ended peers whose socket is still open, by deadline */
+  Link timers;            /**< every timer that was ever started on this loop */
+  Link due;               /**< timers started with 0 ms */
+  Link starved;           /**< listening peers that wait for a free descriptor */
+  ZelPeer* current;       /**< whose handler runs */
+  bool currentReads;      /**< it is a handler of event 3 */
   char* buffers[kPooledBuffers];
   size_t bufferCount;
   uint32_t turn;
@@ -164,7 +165,7 @@ void loop_returnBuffer(char* buffer);
 
 // peer.cpp
 ZelPeer* peer_create(ZelConnection* connection, int fd, Socket socket);
-bool peer_openPoll(ZelPeer* peer); /**< false with zel_error; the descriptor stays */
+bool peer_openPoll(ZelPeer* peer);                                    /**< false with zel_error; the descriptor stays */
 bool peer_raise(ZelPeer* peer, ZelPeerHandler handler, bool reading); /**< false when the peer has ended */
 void peer_step(ZelPeer* peer);
 void peer_onPoll(uv_poll_t* handle, int status, int events);

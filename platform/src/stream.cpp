@@ -226,7 +226,10 @@ extern "C" FILE* peer_inStream(ZelPeer* peer) {
     fail(ZEL_ERROR_BAD_PEER);
     return nullptr;
   }
-  if (!peer->in) peer->in = openStream(peer, "r", {readInput, nullptr, nullptr, nullptr});
+  if (!peer->in) {
+    peer->in = openStream(peer, "r", {readInput, nullptr, nullptr, nullptr});
+    if (loop.current == peer) stream_lend(peer, loop.currentReads);
+  }
   return peer->in;
 }
 
@@ -242,7 +245,7 @@ extern "C" FILE* peer_outStream(ZelPeer* peer, int type) {
   }
   if (!peer->out) {
     peer->out = openStream(peer, "w", {nullptr, writeOutput, nullptr, nullptr});
-    if (peer->out && loop.current == peer) stream_lend(peer, false);
+    if (loop.current == peer) stream_lend(peer, false);
   }
   return peer->out;
 }

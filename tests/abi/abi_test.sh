@@ -24,13 +24,15 @@ fresh_folder() {
 
 # The folder below the prefix that holds the library.
 libdir() {
-  dirname "$(find "$1" -name 'libkrohttp.so' | head -n 1)"
+  dirname "$(find "$1" -name 'libkrohttp.*' | head -n 1)"
 }
 
 install_prefix() {
-  fresh_folder .
+  rm -rf "${work:?}"
+  mkdir -p "$work"
   "$CMAKE" --install "$BINARY" --prefix "$work/elsewhere" >"$work/install.log"
   mv "$work/elsewhere" "$prefix"
+  # shellcheck disable=SC2153 # SOURCE comes with the environment
   ! grep -rlF -e "$work/elsewhere" -e "$SOURCE" "$prefix" --include='*.cmake' --include='*.pc' ||
     fail "these files name a folder of the build machine"
 }
@@ -40,33 +42,54 @@ find_package() {
   local folder=$1
   shift
   fresh_folder "$folder"
-  "$CMAKE" -G Ninja -S "$SOURCE/tests/abi/consumer" -B "$work/$folder" -DCMAKE_BUILD_TYPE=Debug \
+  "$CMAKE" --no-warn-unused-cli -G Ninja -S "$SOURCE/tests/abi/consumer" -B "$work/$folder" -DCMAKE_BUILD_TYPE=Debug \
     -DCMAKE_C_COMPILER="$CC" -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_C_FLAGS="${instrument[*]}" \
     -DCMAKE_PREFIX_PATH="$prefix" "$@"
   "$CMAKE" --build "$work/$folder"
   "$work/$folder/consumer"
 }
 
-pkg_config() {
-  PKG_CONFIG_PATH=$(libdir "$prefix")/pkgconfig pkg-config "$@" krohttp
+# must_not_need_ours PROGRAM: the libraries are inside it.
+must_not_need_ours() {
+  ! dynamic "$1" NEEDED | grep -E 'krohttp|zel|krotrace' || fail "that is shared"
+}
+
+find_package_static() {
+  find_package find_package_static -DSTATIC=ON
+  must_not_need_ours "$work/find_package_static/consumer"
+}
+
+# compile SOURCE PROGRAM [--static] -- COMPILER-OPTION...: with the flags that pkg-config gives.
+compile() {
+  local source=$1 program=$2 static=() flags libraries
+  shift 2
+  [ "$1" = -- ] || { static=("$1"); shift; }
+  shift
+  export PKG_CONFIG_PATH
+  PKG_CONFIG_PATH=$(libdir "$prefix")/pkgconfig
+  flags=$(pkg-config "${static[@]}" --cflags krohttp)
+  libraries=$(pkg-config "${static[@]}" --libs krohttp)
+  # shellcheck disable=SC2086 # flags, to be split
+  "$CC" -std=c11 "${strict[@]}" "$@" $flags "$source" -o "$program" $libraries
 }
 
 with_pkg_config() {
   fresh_folder pkg_config
-  # shellcheck disable=SC2046 # flags, to be split
-  "$CC" -std=c11 -D_POSIX_C_SOURCE=200809L "${strict[@]}" "${instrument[@]}" $(pkg_config --cflags) \
-    "$SOURCE/tests/abi/consumer/consumer.c" -o "$work/pkg_config/consumer" $(pkg_config --libs)
+  compile "$SOURCE/tests/abi/consumer/consumer.c" "$work/pkg_config/consumer" -- \
+    -D_POSIX_C_SOURCE=200809L "${instrument[@]}"
   LD_LIBRARY_PATH=$(libdir "$prefix") "$work/pkg_config/consumer"
 }
 
-# A program that needs nothing of the machine it runs on.
+# From a prefix that has only the static libraries.
 with_pkg_config_static() {
   fresh_folder pkg_config_static
-  # shellcheck disable=SC2046 # flags, to be split
-  "$CC" -std=c11 -D_POSIX_C_SOURCE=200809L "${strict[@]}" -static $(pkg_config --cflags) \
-    "$SOURCE/tests/abi/consumer/consumer.c" -o "$work/pkg_config_static/consumer" $(pkg_config --static --libs)
-  ! "$READELF" -d "$work/pkg_config_static/consumer" | grep -q NEEDED || fail "the program needs shared libraries"
+  cp -r "$prefix" "$work/pkg_config_static/prefix"
+  find "$work/pkg_config_static/prefix" -name '*.so*' -delete
+  prefix=$work/pkg_config_static/prefix
+  compile "$SOURCE/tests/abi/consumer/consumer.c" "$work/pkg_config_static/consumer" --static -- \
+    -D_POSIX_C_SOURCE=200809L "${instrument[@]}"
   "$work/pkg_config_static/consumer"
+  must_not_need_ours "$work/pkg_config_static/consumer"
 }
 
 # headers STANDARD: each public header compiles alone.
@@ -74,7 +97,7 @@ headers() {
   local compiler=$CC language=c header count=0
   case $1 in c++*) compiler=$CXX language=c++ ;; esac
   while read -r header; do
-    echo "#include <$header>" |
+    printf '#include <%s>\ntypedef int nothing_else;\n' "$header" |
       "$compiler" -std="$1" "${strict[@]}" -fsyntax-only -x "$language" -I "$prefix/include" - ||
       fail "$header as $1"
     count=$((count + 1))
@@ -83,8 +106,9 @@ headers() {
   echo "$count headers are valid $1"
 }
 
+# dynamic FILE TAG[,TAG...]: the values of these entries of its dynamic section.
 dynamic() {
-  "$READELF" -d "$1" | sed -nE "s/.*\($2\).*\[(.*)\]/\1/p"
+  "$READELF" -d "$1" | sed -nE "s/.*\((${2//,/|})\).*\[(.*)\]/\2/p"
 }
 
 sonames() {
@@ -95,7 +119,7 @@ sonames() {
     [ "$soname" = "lib$library.so.${version%%.*}" ] || fail "lib$library.so calls itself '$soname'"
     [ "$(readlink -f "$(libdir "$prefix")/$soname")" = "$(libdir "$prefix")/lib$library.so.$version" ] ||
       fail "$soname is no link to lib$library.so.$version"
-    ! dynamic "$(libdir "$prefix")/$soname" '(RPATH|RUNPATH)' | grep -vxF "\$ORIGIN" || fail "$soname has that run path"
+    ! dynamic "$(libdir "$prefix")/$soname" RPATH,RUNPATH | grep -vxF "\$ORIGIN" || fail "$soname has that run path"
     echo "$soname"
   done
 }
@@ -133,10 +157,9 @@ external_platform() {
 readme() {
   local url line
   fresh_folder readme
+  # shellcheck disable=SC2016 # the quotes are Markdown's
   sed -n '/^```c$/,/^```$/p' "$SOURCE/README.md" | sed '/^```/d' >"$work/readme/server.c"
-  # shellcheck disable=SC2046 # flags, to be split
-  "$CC" -std=c11 "${strict[@]}" "${instrument[@]}" $(pkg_config --cflags) "$work/readme/server.c" \
-    -o "$work/readme/server" $(pkg_config --libs)
+  compile "$work/readme/server.c" "$work/readme/server" -- "${instrument[@]}"
   LD_LIBRARY_PATH=$(libdir "$prefix") "$work/readme/server" 0 >"$work/readme/out" &
   server=$!
   trap 'kill "$server" 2>/dev/null; wait "$server"' EXIT
@@ -158,7 +181,7 @@ readme() {
 case ${1:-} in
   install) install_prefix ;;
   find_package) find_package find_package ;;
-  find_package_static) find_package find_package_static -DSTATIC=ON ;;
+  find_package_static) find_package_static ;;
   pkg_config) with_pkg_config ;;
   pkg_config_static) with_pkg_config_static ;;
   headers) headers "$2" ;;

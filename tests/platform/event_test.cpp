@@ -260,10 +260,12 @@ struct HandlerCase {
 };
 
 constexpr HandlerCase kHandlers[] = {
-    {"Accept", 1, 1, true},         {"Data", 3, 1, true},           {"Writable", 4, 2, true},
-    {"Drained", 5, 2, true},        {"Close", 6, 0, true},          {"None", 0, 0, false},
-    {"Unknown2", 2, 2, false},      {"Unknown7", 7, 0, false},      {"Negative", -1, 1, false},
-    {"DataOutwards", 3, 2, false},  {"DrainedInwards", 5, 1, false}, {"CloseInwards", 6, 1, false},
+    {"Accept", 1, 1, true},          {"Data", 3, 1, true},
+    {"Writable", 4, 2, true},        {"Drained", 5, 2, true},
+    {"Close", 6, 0, true},           {"None", 0, 0, false},
+    {"Unknown2", 2, 2, false},       {"Unknown7", 7, 0, false},
+    {"Negative", -1, 1, false},      {"DataOutwards", 3, 2, false},
+    {"DrainedInwards", 5, 1, false}, {"CloseInwards", 6, 1, false},
 };
 
 class HandlerTest : public LoopTest, public ::testing::WithParamInterface<HandlerCase> {};
@@ -305,9 +307,8 @@ std::vector<EndCase> endCases() {
   names.reserve(64);
   const std::pair<int, const char*> events[] = {{3, "Data"}, {4, "Writable"}, {5, "Drained"}, {6, "Close"}};
   const std::pair<Way, const char*> ways[] = {
-      {Way::Close, "Close"},           {Way::Destroy, "Destroy"},
-      {Way::ReturnFalse, "False"},     {Way::CloseTwice, "CloseTwice"},
-      {Way::DestroyOther, "Other"},    {Way::DestroyConnection, "Connection"},
+      {Way::Close, "Close"},           {Way::Destroy, "Destroy"},    {Way::ReturnFalse, "False"},
+      {Way::CloseTwice, "CloseTwice"}, {Way::DestroyOther, "Other"}, {Way::DestroyConnection, "Connection"},
   };
   for (const auto& [event, eventName] : events)
     for (const auto& [way, wayName] : ways) {
@@ -333,14 +334,21 @@ TEST_P(EndInHandlerTest, RaisesNothingAnyMore) {
   Probe probeB;
   const auto end = [&](ZelPeer* one) {
     switch (GetParam().way) {
-      case Way::Close: peer_close(one); return true;
-      case Way::Destroy: peer_destroy(one); return true;
-      case Way::ReturnFalse: return false;
+      case Way::Close:
+        peer_close(one);
+        return true;
+      case Way::Destroy:
+        peer_destroy(one);
+        return true;
+      case Way::ReturnFalse:
+        return false;
       case Way::CloseTwice:
         peer_close(one);
         peer_destroy(one);
         return false;
-      case Way::DestroyOther: peer_destroy(one == peer ? bystander : peer); return true;
+      case Way::DestroyOther:
+        peer_destroy(one == peer ? bystander : peer);
+        return true;
       case Way::DestroyConnection:
         connection_destroy(std::exchange(separate, nullptr));
         return true;

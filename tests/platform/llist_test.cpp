@@ -57,18 +57,23 @@ TEST_F(ListTest, RefusesNothing) {
 
 struct WalkCase {
   const char* name;
-  char at;              // when the walk is at this item
-  std::string_view out; // these are removed
-  std::string_view in;  // and these appended
+  char at;               // when the walk is at this item
+  std::string_view out;  // these are removed
+  std::string_view in;   // and these appended
   std::string_view seen;
 };
 
 constexpr WalkCase kWalks[] = {
-    {"TheCurrentOne", 'c', "c", "", "abcdef"},  {"TheNext", 'c', "d", "", "abcef"},
-    {"AllThatFollow", 'c', "def", "", "abc"},   {"AllThatWereSeen", 'c', "abc", "", "abcdef"},
-    {"Everything", 'c', "abcdef", "", "abc"},   {"TheLastAtTheLast", 'f', "f", "", "abcdef"},
-    {"OneIsAdded", 'f', "", "g", "abcdefg"},    {"ManyAreAdded", 'a', "", "ghijklmnop", "abcdefghijklmnop"},
-    {"AllChange", 'c', "abcdef", "xy", "abcxy"}, {"AddedAgain", 'c', "b", "b", "abcdefb"},
+    {"TheCurrentOne", 'c', "c", "", "abcdef"},
+    {"TheNext", 'c', "d", "", "abcef"},
+    {"AllThatFollow", 'c', "def", "", "abc"},
+    {"AllThatWereSeen", 'c', "abc", "", "abcdef"},
+    {"Everything", 'c', "abcdef", "", "abc"},
+    {"TheLastAtTheLast", 'f', "f", "", "abcdef"},
+    {"OneIsAdded", 'f', "", "g", "abcdefg"},
+    {"ManyAreAdded", 'a', "", "ghijklmnop", "abcdefghijklmnop"},
+    {"AllChange", 'c', "abcdef", "xy", "abcxy"},
+    {"AddedAgain", 'c', "b", "b", "abcdefb"},
     {"CompactedWhileGrowing", 'e', "abcd", "uvwxyz", "abcdefuvwxyz"},
 };
 

@@ -62,11 +62,16 @@ class Probe {
   }
   static ZelPeerHandler entry(int event) {
     switch (event) {
-      case PEER_EVENT_ACCEPT: return handle<PEER_EVENT_ACCEPT>;
-      case PEER_EVENT_DATA: return handle<PEER_EVENT_DATA>;
-      case PEER_EVENT_WRITABLE: return handle<PEER_EVENT_WRITABLE>;
-      case PEER_EVENT_DRAINED: return handle<PEER_EVENT_DRAINED>;
-      default: return handle<PEER_EVENT_CLOSE>;
+      case PEER_EVENT_ACCEPT:
+        return handle<PEER_EVENT_ACCEPT>;
+      case PEER_EVENT_DATA:
+        return handle<PEER_EVENT_DATA>;
+      case PEER_EVENT_WRITABLE:
+        return handle<PEER_EVENT_WRITABLE>;
+      case PEER_EVENT_DRAINED:
+        return handle<PEER_EVENT_DRAINED>;
+      default:
+        return handle<PEER_EVENT_CLOSE>;
     }
   }
 

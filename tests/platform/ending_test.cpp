@@ -1,0 +1,464 @@
+// How peers end: close handlers, the last bytes, and peers that vanish.
+#include <sys/resource.h>
+
+#include "peer_support.h"
+
+namespace {
+
+std::string calls;
+
+template <char kName>
+bool closeHandler(ZelPeer*) {
+  calls += kName;
+  return true;
+}
+
+class EndingTest : public LoopTest {
+ protected:
+  void SetUp() override {
+    LoopTest::SetUp();
+    calls.clear();
+  }
+  void onClose(ZelPeer* peer) {
+    probe_.on(peer, PEER_EVENT_CLOSE, [](ZelPeer*) {
+      calls += '6';
+      return true;
+    });
+  }
+  bool ended() const { return probe_.count(PEER_EVENT_CLOSE) == 1; }
+  size_t living() const { return llist_count(connection_peers(connection_)); }
+
+  Probe probe_;
+};
+
+TEST_F(EndingTest, CloseHandlersRunInOrderAndOnce) {
+  ZelPeer* peer = makePeer(&other_);
+  EXPECT_TRUE(peer_addCloseHandler(peer, closeHandler<'a'>));
+  EXPECT_TRUE(peer_addCloseHandler(peer, closeHandler<'b'>));
+  onClose(peer);
+  EXPECT_TRUE(peer_addCloseHandler(peer, closeHandler<'c'>));
+  EXPECT_TRUE(peer_addCloseHandler(peer, closeHandler<'a'>)) << "it is there, and stays where it is";
+  peer_close(peer);
+  EXPECT_EQ(calls, "6abc") << "inside the call";
+  peer_close(peer);
+  peer_destroy(peer);
+  settle();
+  EXPECT_EQ(calls, "6abc");
+}
+
+TEST_F(EndingTest, RemovedCloseHandlersDoNotRun) {
+  ZelPeer* peer = makePeer(&other_);
+  EXPECT_FALSE(peer_removeCloseHandler(peer, closeHandler<'a'>));
+  peer_addCloseHandler(peer, closeHandler<'a'>);
+  peer_addCloseHandler(peer, closeHandler<'b'>);
+  peer_addCloseHandler(peer, closeHandler<'c'>);
+  EXPECT_TRUE(peer_removeCloseHandler(peer, closeHandler<'b'>));
+  EXPECT_FALSE(peer_removeCloseHandler(peer, closeHandler<'b'>));
+  onClose(peer);
+  probe_.off(peer, PEER_EVENT_CLOSE);
+  peer_destroy(peer);
+  EXPECT_EQ(calls, "ac");
+}
+
+TEST_F(EndingTest, CloseHandlersMayRemoveOneAnother) {
+  ZelPeer* peer = makePeer(&other_);
+  peer_addCloseHandler(peer, [](ZelPeer* one) {
+    calls += 'r';
+    EXPECT_TRUE(peer_removeCloseHandler(one, closeHandler<'a'>));
+    EXPECT_FALSE(peer_addCloseHandler(one, closeHandler<'x'>));
+    peer_destroy(one);
+    return false;
+  });
+  peer_addCloseHandler(peer, closeHandler<'a'>);
+  peer_addCloseHandler(peer, closeHandler<'b'>);
+  peer_destroy(peer);
+  EXPECT_EQ(calls, "rb");
+}
+
+TEST_F(EndingTest, RefusesWhatIsNoCloseHandler) {
+  ZelPeer* peer = makePeer(&other_);
+  EXPECT_FALSE(peer_addCloseHandler(peer, nullptr));
+  EXPECT_FALSE(peer_addCloseHandler(nullptr, closeHandler<'a'>));
+  EXPECT_FALSE(peer_removeCloseHandler(nullptr, closeHandler<'a'>));
+  peer_destroy(nullptr);
+  peer_close(nullptr);
+  peer_close(peer);
+  EXPECT_FALSE(peer_addCloseHandler(peer, closeHandler<'a'>));
+}
+
+TEST_F(EndingTest, AnEndedPeerIsNotInTheListWhileItsHandlersRun) {
+  ZelPeer* peer = makePeer(&other_);
+  probe_.on(peer, PEER_EVENT_CLOSE, [&](ZelPeer* one) {
+    EXPECT_EQ(peer_connection(one), connection_);
+    EXPECT_EQ(living(), 0u);
+    EXPECT_GE(peer_socket(one), 0) << "handlers may still name it";
+    return true;
+  });
+  EXPECT_EQ(living(), 1u);
+  peer_destroy(peer);
+  EXPECT_TRUE(ended());
+  EXPECT_EQ(peer_socket(peer), -1);
+}
+
+TEST_F(EndingTest, PeersMayBeEndedDuringAWalk) {
+  std::array<Descriptor, 10> others;
+  for (Descriptor& other : others) makePeer(&other);
+  ZelListIterator walk;
+  size_t seen = 0;
+  ZelList* peers = connection_peers(connection_);
+  for (void* one = llist_first(peers, &walk); one; one = llist_iterator_next(&walk)) {
+    peer_destroy(static_cast<ZelPeer*>(one));
+    zel_loop_turn(0);  // and their memory goes
+    if (++seen != 3) continue;
+    ZelListIterator inner;
+    peer_destroy(static_cast<ZelPeer*>(llist_first(peers, &inner)));
+    zel_loop_turn(0);
+  }
+  EXPECT_EQ(seen, 9u);
+  EXPECT_EQ(living(), 0u);
+}
+
+TEST_F(EndingTest, OutputOfCloseHandlersIsSent) {
+  ZelPeer* peer = makePeer(&other_);
+  fputs("before ", peer_outStream(peer, PEER_STREAM_BUFFERED));
+  probe_.on(peer, PEER_EVENT_CLOSE, [](ZelPeer* one) {
+    fputs("inside", peer_outStream(one, PEER_STREAM_BUFFERED));
+    return true;
+  });
+  peer_destroy(peer);
+  EXPECT_EQ(received(other_), "before inside<end>");
+}
+
+TEST_F(EndingTest, CloseHandlersMayReadWhatIsLeft) {
+  ZelPeer* peer = makePeer(&other_);
+  std::string rest;
+  probe_.on(peer, PEER_EVENT_CLOSE, [&](ZelPeer* one) {
+    rest = readAll(peer_inStream(one));
+    return true;
+  });
+  sendText(other_, "last words");
+  other_.reset();
+  ASSERT_TRUE(until([&] { return ended(); }));
+  EXPECT_EQ(rest, "last words");
+}
+
+TEST_F(EndingTest, AFalseResultOfAHandlerEndsThePeer) {
+  ZelPeer* peer = makePeer(&other_);
+  onClose(peer);
+  probe_.on(peer, PEER_EVENT_DATA, [](ZelPeer* one) {
+    fputs("bye", peer_outStream(one, PEER_STREAM_BUFFERED));
+    return false;
+  });
+  sendText(other_, "x");
+  settle();
+  EXPECT_EQ(calls, "6");
+  EXPECT_EQ(received(other_), "bye<end>");
+}
+
+// What the other side does while nobody reads, and whether the peer ends.
+enum class Act { HalfClose, Close, Reset, Nothing, Urgent };
+
+struct VanishCase {
+  const char* name;
+  bool tcp;
+  bool readBefore;  // a read handler was installed once
+  bool queued;      // output that the socket does not take waits
+  Act act;
+  bool ends;
+};
+
+constexpr VanishCase kVanish[] = {
+    {"UnixNothing", false, false, false, Act::Nothing, false},
+    {"UnixHalfClose", false, false, false, Act::HalfClose, false},
+    {"UnixClose", false, false, false, Act::Close, true},
+    {"UnixCloseAfterReading", false, true, false, Act::Close, true},
+    {"UnixHalfCloseQueued", false, false, true, Act::HalfClose, false},
+    {"UnixCloseQueued", false, false, true, Act::Close, true},
+    {"UnixUrgent", false, false, false, Act::Urgent, false},
+    {"TcpNothing", true, false, false, Act::Nothing, false},
+    {"TcpHalfClose", true, false, false, Act::HalfClose, false},
+    {"TcpHalfCloseAfterReading", true, true, false, Act::HalfClose, false},
+    {"TcpReset", true, false, false, Act::Reset, true},
+    {"TcpResetAfterReading", true, true, false, Act::Reset, true},
+    {"TcpResetQueued", true, false, true, Act::Reset, true},
+    {"TcpUrgent", true, false, false, Act::Urgent, false},
+    {"TcpUrgentQueued", true, false, true, Act::Urgent, false},
+};
+
+class VanishTest : public EndingTest, public ::testing::WithParamInterface<VanishCase> {
+ protected:
+  void act() {
+    switch (GetParam().act) {
+      case Act::Nothing: break;
+      case Act::HalfClose: shutdown(other_.get(), SHUT_WR); break;
+      case Act::Urgent: send(other_.get(), "!", 1, MSG_OOB | MSG_NOSIGNAL); break;
+      case Act::Reset: resetOnClose(other_); [[fallthrough]];
+      case Act::Close: other_.reset();
+    }
+  }
+};
+
+TEST_P(VanishTest, EndsInItsCloseEvent) {
+  ZelPeer* peer = GetParam().tcp ? makeTcpPeer(&other_) : makePeer(&other_);
+  onClose(peer);
+  if (GetParam().readBefore) {
+    probe_.on(peer, PEER_EVENT_DATA, [](ZelPeer*) { return true; });
+    zel_loop_turn(0);
+    probe_.off(peer, PEER_EVENT_DATA);
+  }
+  const std::string output(8 << 20, 'x');
+  if (GetParam().queued) fwrite(output.data(), 1, output.size(), peer_outStream(peer, PEER_STREAM_BUFFERED));
+  settle();
+  ASSERT_EQ(peer_bytesQueued(peer) > 0, GetParam().queued);
+  act();
+  if (GetParam().ends) {
+    ASSERT_TRUE(until([&] { return ended(); }));
+    settle();
+    EXPECT_EQ(living(), 0u);
+  } else {
+    settle();
+    EXPECT_EQ(living(), 1u);
+    zel_loop_turn(0);
+    pollfd loop = {zel_loop_descriptor(), POLLIN, 0};
+    EXPECT_EQ(poll(&loop, 1, 0), 0) << "the loop would never sleep";
+  }
+  EXPECT_EQ(calls, GetParam().ends ? "6" : "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Platform, VanishTest, ::testing::ValuesIn(kVanish),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(EndingTest, WhoReadsIsToldOfAResetByReading) {
+  ZelPeer* peer = makeTcpPeer(&other_);
+  onClose(peer);
+  int error = 0;
+  probe_.on(peer, PEER_EVENT_DATA, [&](ZelPeer* one) {
+    errno = 0;
+    EXPECT_EQ(fgetc(peer_inStream(one)), EOF);
+    error = errno;
+    return false;
+  });
+  resetOnClose(other_);
+  other_.reset();
+  ASSERT_TRUE(until([&] { return ended(); }));
+  EXPECT_EQ(error, ECONNRESET);
+}
+
+TEST_F(EndingTest, AWriteThatFailsForGoodEndsThePeerFromTheLoop) {
+  ZelPeer* peer = makeTcpPeer(&other_);
+  onClose(peer);
+  resetOnClose(other_);
+  other_.reset();
+  fputs("nobody", peer_outStream(peer, PEER_STREAM_BUFFERED));
+  EXPECT_EQ(calls, "");
+  ASSERT_TRUE(until([&] { return ended(); }));
+  EXPECT_EQ(living(), 0u);
+}
+
+TEST_F(EndingTest, ADirectWriteThatFailsEndsThePeerFromTheLoop) {
+  ZelPeer* peer = makePeer(&other_);
+  onClose(peer);
+  ASSERT_TRUE(peer_setStreamType(peer, PEER_STREAM_DIRECT));
+  other_.reset();
+  errno = 0;
+  EXPECT_EQ(fputs("nobody", peer_outStream(peer, PEER_STREAM_DIRECT)), EOF);
+  EXPECT_EQ(errno, EPIPE);
+  EXPECT_EQ(calls, "");
+  errno = 0;
+  EXPECT_EQ(fputs("nobody", peer_outStream(peer, PEER_STREAM_DIRECT)), EOF);
+  EXPECT_EQ(errno, EPIPE);
+  ASSERT_TRUE(until([&] { return ended(); }));
+}
+
+TEST_F(EndingTest, WhatCameInBeforeAFailedWriteIsStillRead) {
+  ZelPeer* peer = makePeer(&other_);
+  onClose(peer);
+  std::string got;
+  probe_.on(peer, PEER_EVENT_DATA, [&](ZelPeer* one) {
+    got += static_cast<char>(fgetc(peer_inStream(one)));  // slowly
+    return true;
+  });
+  sendText(other_, "too large");
+  other_.reset();
+  fputs("a long request", peer_outStream(peer, PEER_STREAM_BUFFERED));
+  ASSERT_TRUE(until([&] { return ended(); }));
+  EXPECT_EQ(got, "too large");
+}
+
+TEST_F(EndingTest, UnreadInputDoesNotResetTheReplyAway) {
+  ZelPeer* peer = makeTcpPeer(&other_);
+  const std::string request = pattern(100000);
+  ASSERT_EQ(send(other_.get(), request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
+  probe_.on(peer, PEER_EVENT_DATA, [](ZelPeer* one) {
+    fgetc(peer_inStream(one));
+    fputs("refused", peer_outStream(one, PEER_STREAM_BUFFERED));
+    peer_destroy(one);
+    return true;
+  });
+  ASSERT_TRUE(until([&] { return probe_.count(PEER_EVENT_DATA) == 1; }));
+  settle();
+  sendText(other_, "even more");
+  settle();
+  EXPECT_EQ(received(other_), "refused<end>");
+  other_.reset();
+  settle();
+  zel_loop_drain(1000);
+  EXPECT_FALSE(zel_loop_turn(0));
+}
+
+TEST_F(EndingTest, TheSocketGoesWhenTheOtherSideHasFinished) {
+  ZelPeer* peer = makeTcpPeer(&other_);
+  fputs("bye", peer_outStream(peer, PEER_STREAM_BUFFERED));
+  const std::set<int> open = openDescriptors();
+  peer_destroy(peer);
+  settle();
+  EXPECT_EQ(openDescriptors(), open) << "it lingers";
+  EXPECT_EQ(received(other_), "bye<end>");
+  shutdown(other_.get(), SHUT_WR);
+  ASSERT_TRUE(until([&] { return openDescriptors().size() == open.size() - 1; }));
+}
+
+TEST_F(EndingTest, AfterTheOtherSidesEndTheSocketGoesAtOnce) {
+  ZelPeer* peer = makeTcpPeer(&other_);
+  shutdown(other_.get(), SHUT_WR);
+  probe_.on(peer, PEER_EVENT_DATA, [](ZelPeer* one) {
+    EXPECT_EQ(fgetc(peer_inStream(one)), EOF);
+    fputs("bye", peer_outStream(one, PEER_STREAM_BUFFERED));
+    peer_destroy(one);
+    return true;
+  });
+  const size_t open = openDescriptors().size();
+  ASSERT_TRUE(until([&] { return probe_.count(PEER_EVENT_DATA) == 1; }));
+  EXPECT_EQ(openDescriptors().size(), open - 1);
+  EXPECT_EQ(received(other_), "bye<end>");
+}
+
+TEST_F(EndingTest, WithoutOutputTheSocketGoesAtOnce) {
+  ZelPeer* peer = makeTcpPeer(&other_);
+  const size_t open = openDescriptors().size();
+  peer_destroy(peer);
+  EXPECT_EQ(openDescriptors().size(), open - 1);
+}
+
+TEST_F(EndingTest, ATalkativeOtherSideIsCutOff) {
+  ZelPeer* peer = makeTcpPeer(&other_);
+  fputs("bye", peer_outStream(peer, PEER_STREAM_BUFFERED));
+  peer_destroy(peer);
+  const std::string chatter(65536, 'x');
+  size_t sent = 0;
+  ASSERT_TRUE(until([&] {
+    for (int i = 0; i < 4; ++i) {
+      const ssize_t count = send(other_.get(), chatter.data(), chatter.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+      if (count > 0) sent += static_cast<size_t>(count);
+      if (count < 0 && errno != EAGAIN) return true;
+    }
+    return false;
+  }));
+  EXPECT_GE(sent, 256u * 1024);
+}
+
+TEST_F(EndingTest, QueuedOutputLeavesInTheBackground) {
+  ZelPeer* peer = makePeer(&other_);
+  const std::string sent = pattern(2 << 20);
+  onClose(peer);
+  fwrite(sent.data(), 1, sent.size(), peer_outStream(peer, PEER_STREAM_BUFFERED));
+  peer_destroy(peer);
+  EXPECT_EQ(calls, "6");
+  EXPECT_EQ(living(), 0u);
+  std::string got;
+  ASSERT_TRUE(until([&] {
+    got += received(other_, 100000);
+    return got.size() > sent.size();
+  }));
+  EXPECT_TRUE(got == sent + "<end>");
+}
+
+TEST_F(EndingTest, DrainWaitsForTheLastBytes) {
+  ZelPeer* peer = makePeer(&other_);
+  fputs("farewell", peer_outStream(peer, PEER_STREAM_BUFFERED));
+  peer_destroy(peer);
+  shutdown(other_.get(), SHUT_WR);
+  zel_loop_drain(10000);
+  EXPECT_FALSE(zel_loop_turn(0));
+  EXPECT_EQ(received(other_), "farewell<end>");
+}
+
+TEST_F(EndingTest, ASilentOtherSideIsGivenUp) {
+  zel_loop_turn(0);
+  const size_t open = openDescriptors().size();
+  ZelPeer* peer = makeTcpPeer(&other_);
+  ASSERT_EQ(openDescriptors().size(), open + 2);
+  fputs("bye", peer_outStream(peer, PEER_STREAM_BUFFERED));
+  peer_destroy(peer);
+  zel_loop_drain(60000);
+  EXPECT_EQ(openDescriptors().size(), open + 1) << "it waits no longer than it must";
+}
+
+TEST_F(EndingTest, ASilentReaderIsGivenUp) {
+  zel_loop_turn(0);
+  const size_t open = openDescriptors().size();
+  ZelPeer* peer = makePeer(&other_);
+  const std::string sent = pattern(2 << 20);
+  fwrite(sent.data(), 1, sent.size(), peer_outStream(peer, PEER_STREAM_BUFFERED));
+  peer_destroy(peer);
+  zel_loop_drain(60000);
+  EXPECT_EQ(openDescriptors().size(), open + 1);
+}
+
+TEST_F(EndingTest, LingeringDoesNotKeepTheLoopRunning) {
+  ZelPeer* peer = makeTcpPeer(&other_);
+  fputs("bye", peer_outStream(peer, PEER_STREAM_BUFFERED));
+  peer_destroy(peer);
+  EXPECT_EQ(zel_loop_run(), 0);
+  EXPECT_EQ(received(other_), "bye<end>");
+}
+
+TEST_F(EndingTest, DestroyingAConnectionEndsItsPeers) {
+  Descriptor otherB;
+  ZelPeer* peer = makePeer(&other_);
+  ZelPeer* second = makePeer(&otherB);
+  peer_addCloseHandler(peer, closeHandler<'a'>);
+  peer_addCloseHandler(second, closeHandler<'b'>);
+  fputs("bye", peer_outStream(second, PEER_STREAM_BUFFERED));
+  connection_destroy(std::exchange(connection_, nullptr));
+  EXPECT_EQ(calls, "ab");
+  EXPECT_EQ(peer_connection(peer), nullptr);
+  EXPECT_EQ(received(otherB), "bye<end>");
+  connection_destroy(nullptr);
+}
+
+TEST_F(EndingTest, ClosingTheLoopEndsEveryPeerAndItCanStartAgain) {
+  for (int round = 0; round < 3; ++round) {
+    Descriptor otherB;
+    ZelPeer* peer = makePeer(&other_);
+    ZelPeer* second = makePeer(&otherB);
+    onClose(peer);
+    peer_addCloseHandler(second, closeHandler<'b'>);
+    fputs("bye", peer_outStream(peer, PEER_STREAM_BUFFERED));
+    if (round == 1) settle();
+    calls.clear();
+    zel_loop_close();
+    EXPECT_EQ(calls, "6b");
+    EXPECT_EQ(received(other_), "bye<end>");
+    EXPECT_EQ(living(), 0u);
+  }
+}
+
+TEST_F(EndingTest, NothingIsMadeWhileTheLoopCloses) {
+  ZelPeer* peer = makePeer(&other_);
+  probe_.on(peer, PEER_EVENT_CLOSE, [&](ZelPeer*) {
+    zel_error = 0;
+    EXPECT_EQ(connection_connectToTCP(connection_, "127.0.0.1", "9", 0), nullptr);
+    EXPECT_EQ(zel_error, static_cast<uint32_t>(ECANCELED));
+    EXPECT_EQ(connection_listenOnTCP(connection_, "127.0.0.1", "0"), nullptr);
+    ZelTimer* timer = zel_timer_create();
+    zel_timer_setHandler(timer, [](ZelTimer*, void*) {});
+    EXPECT_FALSE(zel_timer_start(timer, 0));
+    zel_timer_destroy(timer);
+    return true;
+  });
+  zel_loop_close();
+  EXPECT_TRUE(ended());
+}
+
+}  // namespace
