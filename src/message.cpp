@@ -26,10 +26,6 @@ constexpr bool isBlank(char c) { return c == ' ' || c == '\t'; }
 HttpRequest* asRequest(HttpMessage* message) { return reinterpret_cast<HttpRequest*>(message); }
 HttpReply* asReply(HttpMessage* message) { return reinterpret_cast<HttpReply*>(message); }
 
-bool writeText(FILE* stream, std::string_view text) {
-  return fwrite_unlocked(text.data(), 1, text.size(), stream) == text.size();
-}
-
 int fail(HttpMessage* message) {
   message->state = HTTP_MSG_FAILED;
   return -1;
@@ -132,25 +128,35 @@ void lineWritten(HttpMessage* message, size_t length) {
   message->fill = message->lineEnd;
 }
 
+// A line can be written at lineEnd: there is a byte at least.
+int beginLine(HttpMessage* message) {
+  if (message->lineEnd != message->bufferSize || msg_growAndKeep(message, 0) == 0) return 0;
+  TRACE_ERROR("unable to initialize message buffer");
+  return -1;
+}
+
+// A line of @p size bytes, its NUL included, fits at lineEnd. @p text follows if it stands in the buffer.
+int makeRoomForLine(HttpMessage* message, size_t size, std::string_view* text) {
+  if (size <= message->bufferSize - message->lineEnd) return 0;
+  const bool inside = text->data() >= message->buffer && text->data() < message->buffer + message->bufferSize;
+  const ptrdiff_t at = inside ? text->data() - message->buffer : 0;
+  if (size > UINT32_MAX || msg_growAndKeep(message, static_cast<unsigned>(size)) < 0) {
+    TRACE_ERROR("unable to grow buffer");
+    return -1;
+  }
+  if (inside) *text = {message->buffer + at, text->size()};
+  return 0;
+}
+
 // Appends the line "name: value" without going through a format.
 int appendHeaderText(HttpMessage* message, std::string_view name, std::string_view value) {
   const size_t length = name.size() + 2 + value.size();
-  if (length >= UINT32_MAX) return -1;
-  if (length + 1 > message->bufferSize - message->lineEnd) {
-    // The value may stand in the buffer that is about to move.
-    const bool inside = value.data() >= message->buffer && value.data() < message->buffer + message->bufferSize;
-    const ptrdiff_t valueAt = inside ? value.data() - message->buffer : 0;
-    if (msg_growAndKeep(message, static_cast<unsigned>(length) + 1) < 0) {
-      TRACE_ERROR("unable to grow buffer");
-      return -1;
-    }
-    if (inside) value = {message->buffer + valueAt, value.size()};
-  }
-  char* out = message->buffer + message->lineEnd;
-  std::memcpy(out, name.data(), name.size());
-  std::memcpy(out + name.size(), ": ", 2);
-  std::memcpy(out + name.size() + 2, value.data(), value.size());
-  out[length] = '\0';
+  if (beginLine(message) < 0 || makeRoomForLine(message, length + 1, &value) < 0) return -1;
+  char* const line = message->buffer + message->lineEnd;
+  std::memcpy(line, name.data(), name.size());
+  std::memcpy(line + name.size(), ": ", 2);
+  std::memcpy(line + name.size() + 2, value.data(), value.size());
+  line[length] = '\0';
   lineWritten(message, length);
   return 0;
 }
@@ -197,10 +203,7 @@ int msg_lineGet(HttpMessage* message, FILE* stream, char** line) {
 }
 
 int msg_lineSetV(HttpMessage* message, const char* format, va_list arguments) {
-  if (message->lineEnd == message->bufferSize && msg_growAndKeep(message, 0) < 0) {
-    TRACE_ERROR("unable to initialize message buffer");
-    return -1;
-  }
+  if (beginLine(message) < 0) return -1;
   const size_t space = message->bufferSize - message->lineEnd;
   va_list again;
   va_copy(again, arguments);
@@ -503,6 +506,19 @@ int http_msgParse(HttpMessage* message) {
   }
 }
 
+}  // extern "C"
+
+int msg_setFirstLine(HttpMessage* message, const char* text, size_t length) {
+  if (message->lineEnd >= 1 || length + 1 > message->bufferSize) return msg_setStatusLine(message, "%s", text);
+  std::memcpy(message->buffer, text, length + 1);
+  lineWritten(message, length);
+  if (msg_parseStatusLine(message, message->buffer) == 0) return 0;
+  TRACE_ERROR("unable to add status line");
+  return -1;
+}
+
+extern "C" {
+
 bool msg_hasBody(HttpMessage* message) {
   switch (message->type) {
     case HTTP_MSG_REQUEST: return rq_hasBody(asRequest(message));
@@ -588,22 +604,31 @@ bool nextEntry(HttpMessage* message, Entry* entry) {
   return true;
 }
 
-const char* nameOf(const Entry& entry) { return entry.name != nullptr ? entry.name : prot_headerString(entry.code); }
-
-// The value that a format stands for when no formatting is needed: without conversions, or "%s" alone. Else null.
-const char* plainValue(const char* name, const char* format, va_list arguments) {
-  if (std::strchr(name, '%') != nullptr) return nullptr;
-  if (std::strchr(format, '%') == nullptr) return format;
-  if (std::strcmp(format, "%s") != 0) return nullptr;
-  va_list copy;
-  va_copy(copy, arguments);
-  const char* const value = va_arg(copy, const char*);
-  va_end(copy);
-  return value;
+// Leaves the cursor on the first entry that @p matches; clears it when there is none. Entries end with a NUL each, the
+// last one right before headersLimit, so plain string lengths stay inside.
+template <typename Matches>
+char* findEntry(HttpMessage* message, Matches matches) {
+  char* at = message->firstHeader;
+  char* const limit = message->headersLimit;
+  message->headerIter = nullptr;
+  if (at == nullptr) return nullptr;
+  while (at < limit) {
+    const int code = static_cast<unsigned char>(*at);
+    char* const name = at + 1;
+    char* const value = code == HTTP_HEADER_CUSTOM ? name + std::strlen(name) + 1 : name;
+    if (matches(code, name)) {
+      message->headerIter = at;
+      return value;
+    }
+    at = value + std::strlen(value) + 1;
+  }
+  return nullptr;
 }
 
+const char* nameOf(const Entry& entry) { return entry.name != nullptr ? entry.name : prot_headerString(entry.code); }
+
 // The name is part of the format.
-int appendFormatted(HttpMessage* message, const char* name, const char* format, va_list arguments) {
+int appendWithNameAsFormat(HttpMessage* message, const char* name, const char* format, va_list arguments) {
   char* text = nullptr;
   if (asprintf(&text, "%s: %s", name, format) < 0) {
     TRACE_ERROR("unable to create header: %m");
@@ -613,11 +638,35 @@ int appendFormatted(HttpMessage* message, const char* name, const char* format, 
   return msg_lineSetV(message, lineFormat.get(), arguments);
 }
 
+// Formats the value alone: on the stack unless it is long.
+int appendWithFormattedValue(HttpMessage* message, const char* name, const char* format, va_list arguments) {
+  char text[128];
+  va_list again;
+  va_copy(again, arguments);
+  int length = std::vsnprintf(text, sizeof text, format, arguments);
+  char* longText = nullptr;
+  if (length >= static_cast<int>(sizeof text)) length = vasprintf(&longText, format, again);
+  va_end(again);
+  if (length < 0) {
+    TRACE_ERROR("unable to set line: %m");
+    return -1;
+  }
+  const CString owned(longText);
+  return appendHeaderText(message, name, {longText != nullptr ? longText : text, static_cast<size_t>(length)});
+}
+
+int appendHeader(HttpMessage* message, const char* name, const char* format, va_list arguments) {
+  if (std::strchr(name, '%') != nullptr) return appendWithNameAsFormat(message, name, format, arguments);
+  if (std::strcmp(format, "%s") != 0) return appendWithFormattedValue(message, name, format, arguments);
+  va_list copy;
+  va_copy(copy, arguments);
+  const char* const value = va_arg(copy, const char*);
+  va_end(copy);
+  return appendHeaderText(message, name, value != nullptr ? value : "(null)");
+}
+
 int storeFormatted(HttpMessage* message, const char* name, const char* format, va_list arguments, bool allowEmpty) {
-  const char* const value = plainValue(name, format, arguments);
-  const int written = value != nullptr ? appendHeaderText(message, name, value)
-                                       : appendFormatted(message, name, format, arguments);
-  if (written < 0) {
+  if (appendHeader(message, name, format, arguments) < 0) {
     TRACE_ERROR("unable to serialize header");
     return -1;
   }
@@ -659,20 +708,19 @@ int http_msgHeadersNext(HttpMessage* message, const char** name, const char** va
 }
 
 const char* http_msgHeaderValue(HttpMessage* message, const char* name) {
-  http_msgHeadersReset(message);
-  if (name == nullptr) return nullptr;
   // A known name stands in the entries as its code; only custom ones have to be compared as text.
-  int code = prot_headerCode(name);
-  if (code == HTTP_HEADER_NONE) code = HTTP_HEADER_CUSTOM;
-  for (Entry entry; nextEntry(message, &entry);)
-    if (entry.code == code && (entry.name == nullptr || strcasecmp(entry.name, name) == 0)) return entry.value;
-  return nullptr;
+  const int wanted = prot_headerCode(name);
+  if (wanted != HTTP_HEADER_CUSTOM && wanted != HTTP_HEADER_NONE)
+    return findEntry(message, [wanted](int code, const char*) { return code == wanted; });
+  return findEntry(message, [name](int code, const char* entryName) {
+    return code == HTTP_HEADER_CUSTOM && name != nullptr && strcasecmp(entryName, name) == 0;
+  });
 }
 
 int http_msgHeader(HttpMessage* message, HttpHeader* header) {
-  http_msgHeadersReset(message);
-  for (Entry entry; nextEntry(message, &entry);)
-    if (entry.code == static_cast<unsigned char>(header->code)) return http_hdrFactory(header, entry.value);
+  const int wanted = static_cast<unsigned char>(header->code);
+  const char* const value = findEntry(message, [wanted](int code, const char*) { return code == wanted; });
+  if (value != nullptr) return http_hdrFactory(header, value);
   TRACE_INFO("header %s not found", prot_headerString(header->code));
   return -1;
 }
@@ -706,9 +754,9 @@ int msg_headersSend(HttpMessage* message) {
   http_msgHeadersReset(message);
   bool written = true;
   for (Entry entry; written && nextEntry(message, &entry);)
-    written = writeText(stream, nameOf(entry)) && writeText(stream, ": ") && writeText(stream, entry.value) &&
-              writeText(stream, "\r\n");
-  if (!written || !writeText(stream, "\r\n")) {
+    written = msg_writeText(stream, nameOf(entry)) && msg_writeText(stream, ": ") && msg_writeText(stream, entry.value) &&
+              msg_writeText(stream, "\r\n");
+  if (!written || !msg_writeText(stream, "\r\n")) {
     TRACE_ERROR("unable to send message headers: %m");
     return -1;
   }
@@ -740,7 +788,7 @@ FILE* openForReading(HttpMessage* message) {
 
 FILE* openForWriting(HttpMessage* message) {
   const bool headSent =
-      (message->state >= HTTP_MSG_BODY || writeText(message->stream, "\r\n")) && fflush_unlocked(message->stream) == 0;
+      (message->state >= HTTP_MSG_BODY || msg_writeText(message->stream, "\r\n")) && fflush_unlocked(message->stream) == 0;
   if (!headSent) {
     TRACE_ERROR("unable to send message: %m");
     message->state = HTTP_MSG_FAILED;
@@ -801,7 +849,7 @@ int http_msgDone(HttpMessage* message) {
   const bool wasDone = message->state >= HTTP_MSG_DONE;
   const bool writing = message->mode == HTTP_MSG_WRITING;
   if (writing && message->body == nullptr && message->state <= HTTP_MSG_HEADERS &&
-      !writeText(message->stream, "\r\n")) {
+      !msg_writeText(message->stream, "\r\n")) {
     TRACE_ERROR("unable to send message: %m");
     return fail(message);
   }

@@ -3,7 +3,10 @@
 
 #include <krohttp/message.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <string_view>
 
 struct HttpRequest;
 struct HttpReply;
@@ -28,6 +31,14 @@ void rp_forget(HttpReply* reply);
 void srv_replyCompleted(HttpMessage* reply);
 
 // --- offered to the neighbours ----------------------------------------------------------------------------------------
+
+// msg_setStatusLine() for a finished text of @p length characters and a NUL.
+int msg_setFirstLine(HttpMessage* message, const char* text, size_t length);
+
+// Writes @p text to @p stream. False when not all of it could be written.
+inline bool msg_writeText(FILE* stream, std::string_view text) {
+  return fwrite_unlocked(text.data(), 1, text.size(), stream) == text.size();
+}
 
 // Adds a header with name and value as they are.
 int msg_headerCopy(HttpMessage* message, const char* name, const char* value);

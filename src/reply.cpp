@@ -1,5 +1,7 @@
 #include <krohttp/reply.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -18,6 +20,45 @@ const char* phraseOf(unsigned code) {
   const char* phrase = prot_statusCodeString(code);
   return phrase != nullptr ? phrase : "Unknown";
 }
+
+// A status line, composed without a format: there is one in every reply, twice.
+class StatusLine {
+ public:
+  StatusLine(const HttpMessage& message, unsigned code, std::string_view reason) {
+    put("HTTP/");
+    put(message.versionMajor);
+    put(".");
+    put(message.versionMinor);
+    put(" ");
+    put(code);
+    put(" ");
+    put(reason);
+  }
+
+  // The text, NUL-terminated; null when the reason is too long for it.
+  const char* text() {
+    if (length_ == sizeof text_) return nullptr;
+    text_[length_] = '\0';
+    return text_;
+  }
+  size_t length() const { return length_; }
+  std::string_view view() const { return {text_, length_}; }
+
+ private:
+  void put(std::string_view part) {
+    const size_t count = std::min(part.size(), sizeof text_ - length_);
+    std::memcpy(text_ + length_, part.data(), count);
+    length_ += count;
+  }
+  void put(unsigned number) {
+    char digits[10];
+    const char* const end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+    put(std::string_view(digits, static_cast<size_t>(end - digits)));
+  }
+
+  size_t length_ = 0;
+  char text_[256];
+};
 
 }  // namespace
 
@@ -72,8 +113,12 @@ void http_replyDestroy(HttpReply* reply) {
 int http_replyStatusCodeSet(HttpReply* reply, unsigned code, const char* reason) {
   HttpMessage* const message = &reply->message;
   if (reply->statusCode != 0 && msg_removeStatusLine(message) < 0) return -1;
-  if (msg_setStatusLine(message, "HTTP/%u.%u %u %s", message->versionMajor, message->versionMinor, code,
-                        reason != nullptr ? reason : phraseOf(code)) < 0) {
+  if (reason == nullptr) reason = phraseOf(code);
+  StatusLine line(*message, code, reason);
+  const int set = line.text() != nullptr ? msg_setFirstLine(message, line.text(), line.length())
+                                         : msg_setStatusLine(message, "HTTP/%u.%u %u %s", message->versionMajor,
+                                                             message->versionMinor, code, reason);
+  if (set < 0) {
     TRACE_ERROR("unable to set status line");
     return -1;
   }
@@ -84,8 +129,10 @@ int http_replySend(HttpReply* reply) {
   HttpMessage* const message = &reply->message;
   TRACE_INFO("sending reply");
   int result = 0;
-  if (std::fprintf(message->stream, "HTTP/%u.%u %u %s\r\n", message->versionMajor, message->versionMinor,
-                   reply->statusCode, reply->reason != nullptr ? reply->reason : phraseOf(reply->statusCode)) < 0) {
+  const std::string_view reason = reply->reason != nullptr ? reply->reason : phraseOf(reply->statusCode);
+  const StatusLine line(*message, reply->statusCode, "");
+  if (!msg_writeText(message->stream, line.view()) || !msg_writeText(message->stream, reason) ||
+      !msg_writeText(message->stream, "\r\n")) {
     TRACE_ERROR("unable to send reply status line");
     result = -1;
   } else if (msg_headersSend(message) < 0) {

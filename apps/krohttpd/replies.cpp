@@ -43,8 +43,8 @@ int addCommonHeaders(HttpRequest* request, HttpReply* reply) {
   if (http_replyHeaderValueSet(reply, "Date", "%s", httpDate()) < 0 ||
       http_replyHeaderValueSet(reply, "Server", "krohttpd/" KROHTTPD_VERSION) < 0)
     return -1;
-  const bool announced = http_replyHeaderValue(reply, "Connection") != nullptr;
-  return closesAfter(request) && !announced ? announceClose(reply) : 0;
+  if (!closesAfter(request) || http_replyHeaderValue(reply, "Connection") != nullptr) return 0;
+  return announceClose(reply);
 }
 
 int replyWithText(HttpRequest* request, HttpReply* reply, unsigned code, const char* contentType, std::string_view text,

@@ -181,9 +181,9 @@ class LoopTest : public ::testing::Test {
   // Runs turns until condition holds. The bound is for tests that fail.
   template <typename Condition>
   static bool until(Condition condition) {
-    for (int turn = 0; turn < 2000; ++turn) {
+    for (int turn = 0; turn < 20000; ++turn) {
       if (condition()) return true;
-      zel_loop_turn(10);
+      zel_loop_turn(1);
     }
     return condition();
   }

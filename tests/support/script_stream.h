@@ -53,9 +53,9 @@ class ScriptInput {
     steps_.push_back({Step::kError, {}, number});
     return *this;
   }
-  // Reads would block (EAGAIN) until release().
-  ScriptInput& hold() {
-    steps_.push_back({Step::kHold, {}, EAGAIN});
+  // Reads would block, or fail with another error, until release().
+  ScriptInput& hold(int number = EAGAIN) {
+    steps_.push_back({Step::kHold, {}, number});
     return *this;
   }
   // Each byte on its own, with a hold() behind it.

@@ -567,6 +567,7 @@ struct DiscardCase {
   std::string head;
   std::string body;
   std::string behind;
+  size_t firstCut = 0;
 };
 void PrintTo(const DiscardCase& row, std::ostream* out) { *out << row.name; }
 
@@ -576,7 +577,7 @@ TEST_P(MessageBodyDiscard, WhereverTheBodyIsCut) {
   const SpinGuard guard;
   const DiscardCase& row = GetParam();
   const size_t step = row.body.size() < 100 ? 1 : row.body.size() / 13;
-  for (size_t cut = 0; cut <= row.body.size(); cut += step) {
+  for (size_t cut = row.firstCut; cut <= row.body.size(); cut += step) {
     SCOPED_TRACE("cut at octet " + std::to_string(cut));
     ScriptInput input(row.head + "\r\n");
     input.bytes(row.body.substr(0, cut)).hold().bytes(row.body.substr(cut) + row.behind);
@@ -608,7 +609,7 @@ INSTANTIATE_TEST_SUITE_P(Table, MessageBodyDiscard,
                                                        std::string(100000, 'x'), "GET"},
                                            DiscardCase{"Chunked", "POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n",
                                                        "5\r\nhello\r\n3\r\nabc\r\n0\r\n\r\n", "GET"},
-                                           DiscardCase{"UntilClose", "POST / HTTP/1.1\r\n", "abcde", ""}),
+                                           DiscardCase{"UntilClose", "POST / HTTP/1.1\r\n", "abcde", "", 1}),
                          [](const auto& row) { return row.param.name; });
 
 TEST(MessageBodyDiscarding, FailsWithTheStream) {
@@ -621,7 +622,7 @@ TEST(MessageBodyDiscarding, FailsWithTheStream) {
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.header);
     ScriptInput input("POST / HTTP/1.1\r\n" + row.header + "\r\n");
-    input.error(EIO);
+    input.bytes("1").hold(EIO);
     const RequestPtr request = incoming(input.stream());
     TraceCapture trace;
     EXPECT_EQ(http_msgBodyDiscard(&request->message), -1);

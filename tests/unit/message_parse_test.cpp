@@ -132,7 +132,9 @@ struct HeadCase {
 };
 void PrintTo(const HeadCase& row, std::ostream* out) { *out << row.name; }
 
-class MessageHead : public ::testing::TestWithParam<HeadCase> {};
+class MessageHead : public ::testing::TestWithParam<HeadCase> {
+  const TraceCapture quiet_;
+};
 
 // How many octets the parser has seen when it is through with this many lines.
 size_t octetsOf(std::string_view wire, int lines) {

@@ -1,0 +1,51 @@
+# One table of bench/load: the medians of a scenario's rounds.
+# Set: scenario, count (requests or bytes), ticks (a second), reference, order (the servers).
+# Fields: scenario, server, round, requests, microseconds, bytes, bytes of a reply, user ticks, system ticks, errors.
+
+function median(values, n,    sorted, i, j, value) {
+  for (i = 1; i <= n; ++i) {
+    value = values[i]
+    for (j = i; j > 1 && sorted[j - 1] > value; --j) sorted[j] = sorted[j - 1]
+    sorted[j] = value
+  }
+  return n % 2 ? sorted[(n + 1) / 2] : (sorted[n / 2] + sorted[n / 2 + 1]) / 2
+}
+
+function medianOf(series, server,    i, values) {
+  for (i = 1; i <= rounds[server]; ++i) values[i] = series[server, i]
+  return median(values, rounds[server])
+}
+
+function ratio(value, server, series) {
+  return reference in rounds && medianOf(series, reference) > 0 ? sprintf("%.2f", value / medianOf(series, reference)) : "-"
+}
+
+$1 == scenario {
+  requests = count == "bytes" ? $6 / $7 : $4
+  if (requests == 0) requests = 1
+  n = ++rounds[$2]
+  cpu[$2, n] = ($8 + $9) / ticks * 1e6 / requests
+  user[$2, n] = $8 / ticks * 1e6 / requests
+  rate[$2, n] = requests / ($5 / 1e6)
+  transfer[$2, n] = $6 / ($5 / 1e6) / 1e6
+  busy[$2, n] = ($8 + $9) / ticks / ($5 / 1e6) * 100
+  split($10, one, " ")
+  for (i = 1; i <= 5; ++i) errors[$2, i] += one[i]
+}
+
+END {
+  split("connect read write status timeout", kind, " ")
+  printf "%-10s %12s %8s %12s %12s %8s %9s %7s  %s\n", "", "CPU us/req", "ratio", "of it user", "requests/s", "ratio", "MB/s",
+    "busy %", "errors"
+  n = split(order, servers, " ")
+  for (s = 1; s <= n; ++s) {
+    server = servers[s]
+    if (!(server in rounds)) continue
+    text = ""
+    for (i = 1; i <= 5; ++i) if (errors[server, i] > 0) text = text kind[i] " " errors[server, i] " "
+    printf "%-10s %12.2f %8s %12.2f %12.0f %8s %9.1f %7.0f  %s\n", server, medianOf(cpu, server),
+      ratio(medianOf(cpu, server), server, cpu), medianOf(user, server), medianOf(rate, server),
+      ratio(medianOf(rate, server), server, rate), medianOf(transfer, server), medianOf(busy, server),
+      text == "" ? "none" : text
+  }
+}
