@@ -22,7 +22,8 @@ function(krohttp_library name building)
     if(target STREQUAL name)
       add_library(${target} SHARED ${ARGN})
       set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
-      target_link_options(${target} PRIVATE -Wl,-z,defs)
+      # Calls within the library are direct: nobody is meant to replace a single function of it.
+      target_link_options(${target} PRIVATE -Wl,-z,defs -Wl,-Bsymbolic-functions)
     else()
       add_library(${target} STATIC ${ARGN})
     endif()
@@ -31,6 +32,7 @@ function(krohttp_library name building)
       CXX_VISIBILITY_PRESET hidden C_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
       POSITION_INDEPENDENT_CODE ON CXX_EXTENSIONS OFF)
     target_compile_definitions(${target} PRIVATE ${building})
+    target_compile_options(${target} PRIVATE -fno-semantic-interposition)
     # Nothing here throws, and nothing may cross the C boundary.
     target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
     target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:krohttp_compile>)

@@ -473,22 +473,40 @@ FILE* openOfLength(HttpMessage* message, FILE* parent, uint64_t length, const ch
   return body->stream;
 }
 
-uint64_t contentLength(HttpMessage* message) {
-  HttpHeader header{};
-  header.code = HTTP_HEADER_CONTENT_LENGTH;
-  if (http_msgHeader(message, &header) < 0) return 0;
-  const uint64_t length = header.contentLength.length;
-  http_hdrCleanup(&header);
-  return length;
-}
+struct BodyKind {
+  HttpBodyType type;
+  uint64_t length;
+};
 
+// Whether the main type is exactly "multipart". Other types are told apart without parsing them whole.
 bool isMultipart(HttpMessage* message) {
+  constexpr std::string_view kMultipart = "multipart";
+  const char* const text = msg_headerText(message, HTTP_HEADER_CONTENT_TYPE);
+  if (text == nullptr || !std::string_view(text).starts_with(kMultipart)) return false;
   HttpHeader header{};
   header.code = HTTP_HEADER_CONTENT_TYPE;
-  const bool multipart =
-      http_msgHeader(message, &header) == 0 && std::string_view(header.contentType.mediaType) == "multipart";
+  const bool multipart = http_hdrFactory(&header, text) == 0 && header.contentType.mediaType == kMultipart;
   http_hdrCleanup(&header);
   return multipart;
+}
+
+bool isChunked(const char* text) {
+  HttpHeader header{};
+  header.code = HTTP_HEADER_TRANSFER_ENCODING;
+  const bool chunked = http_hdrFactory(&header, text) == 0 && header.transferEncoding.chunked;
+  http_hdrCleanup(&header);
+  return chunked;
+}
+
+BodyKind bodyKind(HttpMessage* message) {
+  if (const char* const text = msg_headerText(message, HTTP_HEADER_CONTENT_LENGTH)) {
+    const uint64_t length = std::strtoull(text, nullptr, 10);
+    if (isMultipart(message)) return {HTTP_BODY_MULTIPART, length};
+    return {length == 0 ? HTTP_BODY_NONE : HTTP_BODY_CONTENT_LENGTH, length};
+  }
+  if (const char* const text = msg_headerText(message, HTTP_HEADER_TRANSFER_ENCODING))
+    return {isChunked(text) ? HTTP_BODY_CHUNKED : HTTP_BODY_UNKNOWN, 0};
+  return {msg_hasBody(message) ? HTTP_BODY_UNTIL_CLOSE : HTTP_BODY_NONE, 0};
 }
 
 }  // namespace
@@ -499,26 +517,11 @@ uint32_t min(uint32_t a, uint32_t b) { return a < b ? a : b; }
 
 uint32_t max(uint32_t a, uint32_t b) { return a > b ? a : b; }
 
-int body_type(HttpMessage* message) {
-  HttpHeader header{};
-  header.code = HTTP_HEADER_CONTENT_LENGTH;
-  if (http_msgHeader(message, &header) == 0) {
-    const bool empty = header.contentLength.length == 0;
-    http_hdrCleanup(&header);
-    if (isMultipart(message)) return HTTP_BODY_MULTIPART;
-    return empty ? HTTP_BODY_NONE : HTTP_BODY_CONTENT_LENGTH;
-  }
-  header.code = HTTP_HEADER_TRANSFER_ENCODING;
-  if (http_msgHeader(message, &header) == 0) {
-    const bool chunked = header.transferEncoding.chunked;
-    http_hdrCleanup(&header);
-    return chunked ? HTTP_BODY_CHUNKED : HTTP_BODY_UNKNOWN;
-  }
-  return msg_hasBody(message) ? HTTP_BODY_UNTIL_CLOSE : HTTP_BODY_NONE;
-}
+int body_type(HttpMessage* message) { return bodyKind(message).type; }
 
 FILE* body_fopen(HttpMessage* message, FILE* parent, const char* mode) {
-  switch (static_cast<HttpBodyType>(body_type(message))) {
+  const BodyKind kind = bodyKind(message);
+  switch (kind.type) {
     case HTTP_BODY_UNKNOWN:
       TRACE_ERROR("unknown transfer encoding");
       errno = ENOSYS;
@@ -527,11 +530,9 @@ FILE* body_fopen(HttpMessage* message, FILE* parent, const char* mode) {
       TRACE_NOTICE("message does not have a body");
       errno = ENODATA;
       return nullptr;
-    case HTTP_BODY_CONTENT_LENGTH: {
-      const uint64_t length = contentLength(message);
-      TRACE_NOTICE("opening body with content length %" PRIu64, length);
-      return openOfLength<NormalBody>(message, parent, length, mode, kNormal);
-    }
+    case HTTP_BODY_CONTENT_LENGTH:
+      TRACE_NOTICE("opening body with content length %" PRIu64, kind.length);
+      return openOfLength<NormalBody>(message, parent, kind.length, mode, kNormal);
     case HTTP_BODY_UNTIL_CLOSE:
       TRACE_NOTICE("opening body that ends when the connection is closed");
       return openOfLength<NormalBody>(message, parent, 0, mode, kNormal);
@@ -540,11 +541,9 @@ FILE* body_fopen(HttpMessage* message, FILE* parent, const char* mode) {
       ChunkedBody* const body = open<ChunkedBody>(message, parent, 0, mode, kChunked);
       return body != nullptr ? body->stream : nullptr;
     }
-    case HTTP_BODY_MULTIPART: {
-      const uint64_t length = contentLength(message);
-      TRACE_NOTICE("opening multipart body with content length %" PRIu64, length);
-      return openOfLength<BufferedBody>(message, parent, length, mode, kBuffered);
-    }
+    case HTTP_BODY_MULTIPART:
+      TRACE_NOTICE("opening multipart body with content length %" PRIu64, kind.length);
+      return openOfLength<BufferedBody>(message, parent, kind.length, mode, kBuffered);
   }
   return nullptr;
 }

@@ -396,6 +396,11 @@ int headComplete(HttpMessage* message) {
   return 0;
 }
 
+uint8_t versionNumber(const char* text) {
+  if (text[0] >= '0' && text[0] <= '9' && text[1] == '\0') return static_cast<uint8_t>(text[0] - '0');
+  return static_cast<uint8_t>(std::strtol(text, nullptr, 10));
+}
+
 int callFactory(HttpMessage* message, char* first, char* second, char* third) {
   const bool isReply = std::strncmp(first, "HTTP", 4) == 0;
   // The line must be of the kind that its record was made for: the records differ in size.
@@ -443,12 +448,12 @@ int msg_parseVersion(HttpMessage* message, char* word) {
     return -1;
   }
   *dot = '\0';
-  message->versionMajor = static_cast<uint8_t>(std::strtol(slash + 1, nullptr, 10));
+  message->versionMajor = versionNumber(slash + 1);
   if (message->versionMajor == 0) {
     TRACE_ERROR("unable to parse http version %s: %m", word);
     return -1;
   }
-  message->versionMinor = static_cast<uint8_t>(std::strtol(dot + 1, nullptr, 10));
+  message->versionMinor = versionNumber(dot + 1);
   return 0;
 }
 
@@ -625,6 +630,39 @@ char* findEntry(HttpMessage* message, Matches matches) {
   return nullptr;
 }
 
+// Gathers the pieces of a head, so that the stream is called once for most heads.
+class HeadWriter {
+ public:
+  explicit HeadWriter(FILE* stream) : stream_(stream) {}
+
+  void put(std::string_view text) {
+    if (text.size() > sizeof gathered_ - fill_) flush();
+    if (text.size() > sizeof gathered_) {
+      written_ = written_ && msg_writeText(stream_, text);
+      return;
+    }
+    std::memcpy(gathered_ + fill_, text.data(), text.size());
+    fill_ += text.size();
+  }
+
+  // False when the stream has refused anything.
+  bool finish() {
+    flush();
+    return written_;
+  }
+
+ private:
+  void flush() {
+    written_ = written_ && msg_writeText(stream_, {gathered_, fill_});
+    fill_ = 0;
+  }
+
+  FILE* stream_;
+  size_t fill_ = 0;
+  bool written_ = true;
+  char gathered_[1024];
+};
+
 const char* nameOf(const Entry& entry) { return entry.name != nullptr ? entry.name : prot_headerString(entry.code); }
 
 // The name is part of the format.
@@ -678,6 +716,16 @@ int storeFormatted(HttpMessage* message, const char* name, const char* format, v
 }
 
 }  // namespace
+
+const char* msg_headerText(const HttpMessage* message, int code) {
+  const char* const limit = message->headersLimit;
+  for (const char* at = message->firstHeader; at != nullptr && at < limit;) {
+    if (static_cast<unsigned char>(*at) == code) return at + 1;
+    if (*at == HTTP_HEADER_CUSTOM) at += std::strlen(at) + 1;
+    at += std::strlen(at) + 1;
+  }
+  return nullptr;
+}
 
 int msg_headerCopy(HttpMessage* message, const char* name, const char* value) {
   if (appendHeaderText(message, name, value) < 0) {
@@ -751,12 +799,16 @@ int http_msgHeaderValueSet(HttpMessage* message, const char* name, const char* f
 
 int msg_headersSend(HttpMessage* message) {
   FILE* const stream = message->stream;
+  HeadWriter head(stream);
   http_msgHeadersReset(message);
-  bool written = true;
-  for (Entry entry; written && nextEntry(message, &entry);)
-    written = msg_writeText(stream, nameOf(entry)) && msg_writeText(stream, ": ") && msg_writeText(stream, entry.value) &&
-              msg_writeText(stream, "\r\n");
-  if (!written || !msg_writeText(stream, "\r\n")) {
+  for (Entry entry; nextEntry(message, &entry);) {
+    head.put(nameOf(entry));
+    head.put(": ");
+    head.put(entry.value);
+    head.put("\r\n");
+  }
+  head.put("\r\n");
+  if (!head.finish()) {
     TRACE_ERROR("unable to send message headers: %m");
     return -1;
   }

@@ -40,6 +40,9 @@ inline bool msg_writeText(FILE* stream, std::string_view text) {
   return fwrite_unlocked(text.data(), 1, text.size(), stream) == text.size();
 }
 
+// The text of the first header with @p code, null when there is none. Leaves the iteration alone.
+const char* msg_headerText(const HttpMessage* message, int code);
+
 // Adds a header with name and value as they are.
 int msg_headerCopy(HttpMessage* message, const char* name, const char* value);
 

@@ -154,9 +154,12 @@ int prot_headerCodeOf(std::string_view name) {
   if (name.empty()) return HTTP_HEADER_CUSTOM;
   const auto letter = static_cast<size_t>(static_cast<unsigned char>(lower(name[0]))) - 'a';
   if (letter >= 26) return HTTP_HEADER_CUSTOM;
-  for (int row = kHeaderIndex.firstRow[letter], end = kHeaderIndex.firstRow[letter + 1]; row < end; ++row)
-    if (kHeaderIndex.length[static_cast<size_t>(row)] == name.size() && equalsIgnoringCase(headerStrings[row], name))
+  for (int row = kHeaderIndex.firstRow[letter], end = kHeaderIndex.firstRow[letter + 1]; row < end; ++row) {
+    if (kHeaderIndex.length[static_cast<size_t>(row)] != name.size()) continue;
+    // Most senders spell names as the table does.
+    if (std::memcmp(headerStrings[row], name.data(), name.size()) == 0 || equalsIgnoringCase(headerStrings[row], name))
       return row;
+  }
   return HTTP_HEADER_CUSTOM;
 }
 

@@ -4,7 +4,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <stdio_ext.h>
+#include <strings.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -166,9 +166,10 @@ void resetStatic(Connection* connection) {
 }
 
 bool asksToClose(HttpMessage* message, HttpHeader* header) {
+  const char* const text = msg_headerText(message, HTTP_HEADER_CONNECTION);
+  if (text == nullptr || strcasecmp(text, "keep-alive") == 0) return false;  // what nearly all messages say
   header->code = HTTP_HEADER_CONNECTION;
-  const bool found = http_msgHeader(message, header) == 0;
-  const bool asked = found && (header->connection.flags & HTTP_CONNECTION_CLOSE) != 0;
+  const bool asked = http_hdrFactory(header, text) == 0 && (header->connection.flags & HTTP_CONNECTION_CLOSE) != 0;
   http_hdrCleanup(header);
   return asked;
 }

@@ -1,6 +1,7 @@
 # One table of bench/load: the medians of a scenario's rounds.
 # Set: scenario, count (requests or bytes), ticks (a second), reference, order (the servers).
-# Fields: scenario, server, round, requests, microseconds, bytes, bytes of a reply, user ticks, system ticks, errors.
+# Fields: scenario, server, round, bytes of a reply, user and system ticks before and after the turn, requests,
+# microseconds, bytes, five counts of errors.
 
 function median(values, n,    sorted, i, j, value) {
   for (i = 1; i <= n; ++i) {
@@ -16,21 +17,23 @@ function medianOf(series, server,    i, values) {
   return median(values, rounds[server])
 }
 
-function ratio(value, server, series) {
+function ratio(value, series) {
   return reference in rounds && medianOf(series, reference) > 0 ? sprintf("%.2f", value / medianOf(series, reference)) : "-"
 }
 
 $1 == scenario {
-  requests = count == "bytes" ? $6 / $7 : $4
+  requests = count == "bytes" ? $11 / $4 : $9
   if (requests == 0) requests = 1
+  userTicks = $7 - $5
+  allTicks = userTicks + $8 - $6
+  seconds = $10 / 1e6
   n = ++rounds[$2]
-  cpu[$2, n] = ($8 + $9) / ticks * 1e6 / requests
-  user[$2, n] = $8 / ticks * 1e6 / requests
-  rate[$2, n] = requests / ($5 / 1e6)
-  transfer[$2, n] = $6 / ($5 / 1e6) / 1e6
-  busy[$2, n] = ($8 + $9) / ticks / ($5 / 1e6) * 100
-  split($10, one, " ")
-  for (i = 1; i <= 5; ++i) errors[$2, i] += one[i]
+  cpu[$2, n] = allTicks / ticks * 1e6 / requests
+  user[$2, n] = userTicks / ticks * 1e6 / requests
+  rate[$2, n] = requests / seconds
+  transfer[$2, n] = $11 / seconds / 1e6
+  busy[$2, n] = allTicks / ticks / seconds * 100
+  for (i = 1; i <= 5; ++i) errors[$2, i] += $(11 + i)
 }
 
 END {
@@ -44,8 +47,8 @@ END {
     text = ""
     for (i = 1; i <= 5; ++i) if (errors[server, i] > 0) text = text kind[i] " " errors[server, i] " "
     printf "%-10s %12.2f %8s %12.2f %12.0f %8s %9.1f %7.0f  %s\n", server, medianOf(cpu, server),
-      ratio(medianOf(cpu, server), server, cpu), medianOf(user, server), medianOf(rate, server),
-      ratio(medianOf(rate, server), server, rate), medianOf(transfer, server), medianOf(busy, server),
+      ratio(medianOf(cpu, server), cpu), medianOf(user, server), medianOf(rate, server),
+      ratio(medianOf(rate, server), rate), medianOf(transfer, server), medianOf(busy, server),
       text == "" ? "none" : text
   }
 }

@@ -73,7 +73,7 @@ TEST_F(TimerTest, HandlersMayStartTheirTimerAgain) {
   for (const unsigned milliseconds : {0u, 1u}) {
     fired_ = 0;
     Handler handler = [&](ZelTimer* timer) {
-      if (++fired_ < 5) EXPECT_TRUE(zel_timer_start(timer, milliseconds));
+      if (++fired_ < 5) zel_timer_start(timer, milliseconds);
     };
     ZelTimer* timer = make(&handler);
     zel_timer_start(timer, milliseconds);

@@ -529,7 +529,8 @@ TEST(BodyReadLength, IsReturnedInOneReadAndThenTheEnd) {
   EXPECT_EQ(reading.message()->state, 3);
   TraceLines said = trace.said();
   ASSERT_EQ(said.size(), 2u);
-  EXPECT_TRUE(said[0].starts_with("http-bo[i]read 10/10 \"0123456789\" (")) << said[0];
+  EXPECT_TRUE(said[0].starts_with("http-bo[i]read 10/4096 \"0123456789\" (")) << said[0];
+  EXPECT_TRUE(said[0].ends_with("), toread: 10")) << said[0];
   EXPECT_TRUE(said[1].starts_with("http-bo[i]end of body reached (read 10: ")) << said[1];
   trace.clear();
   for (int call = 0; call < 2; ++call) {
@@ -555,7 +556,7 @@ TEST(BodyReadLength, AsksForNoMoreThanIsLeft) {
   EXPECT_EQ(reading.message()->state, 2);
   EXPECT_EQ(reading.once(7), "789|end");
   EXPECT_EQ(trace.countStarting("http-bo[i]read 7/7 \"0123456\" ("), 1u);
-  EXPECT_EQ(trace.countStarting("http-bo[i]read 3/3 \"789\" ("), 1u);
+  EXPECT_EQ(trace.countStarting("http-bo[i]read 3/7 \"789\" ("), 1u);
 }
 
 TEST(BodyReadShort, GivesWhatIsThereAndAsksForMore) {
@@ -812,7 +813,7 @@ TEST(BodyReadMultipart, WhenDoneIsAtItsEnd) {
   TraceCapture trace{"http-body"};
   EXPECT_EQ(reading.once(10), "0123456789");
   EXPECT_EQ(reading.message()->state, 3);
-  EXPECT_EQ(trace.countStarting("http-bo[i]read 10/10 \"0123456789\" ("), 1u);
+  EXPECT_EQ(trace.countStarting("http-bo[i]read 10/4096 \"0123456789\" ("), 1u);
   EXPECT_EQ(trace.countStarting("http-bo[i]end of body reached (read 10: "), 1u);
   trace.clear();
   EXPECT_EQ(reading.once(10), "|end");
