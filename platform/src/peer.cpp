@@ -87,8 +87,12 @@ void onSocket(ZelPeer* peer, bool failed, int events) {
   } else if (failed || (events & UV_PRIORITIZED)) {
     if (!checkAlive(peer)) return;
   }
-  if ((events & UV_WRITABLE) && peer->handlers[kOnWritable] && takesOutput(peer))
-    peer_raise(peer, peer->handlers[kOnWritable], false);
+  if ((events & UV_WRITABLE) && peer->handlers[kOnWritable] && takesOutput(peer) &&
+      !peer_raise(peer, peer->handlers[kOnWritable], false))
+    return;
+  // What the handlers wrote goes out while it is still in the cache.
+  loop.settled.append(&peer->link);
+  peer_step(peer);
 }
 
 uint8_t wantedInterest(const ZelPeer* peer) {

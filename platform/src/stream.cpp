@@ -148,7 +148,9 @@ Flush flushParts(ZelPeer* peer) {
   message.msg_iovlen = static_cast<size_t>(queue_front(&peer->output, parts, kPartsPerFlush));
   size_t offered = 0;
   for (size_t i = 0; i < message.msg_iovlen; ++i) offered += parts[i].iov_len;
-  const ssize_t sent = retried([&] { return sendmsg(peer->fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL); });
+  const ssize_t sent = message.msg_iovlen == 1
+                           ? socketWrite(peer, parts[0].iov_base, parts[0].iov_len)
+                           : retried([&] { return sendmsg(peer->fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL); });
   if (sent < 0) return wouldBlock() ? Flush::Blocked : Flush::Dead;
   queue_consume(&peer->output, static_cast<size_t>(sent));
   if (static_cast<size_t>(sent) < offered) return Flush::Blocked;

@@ -48,9 +48,12 @@ struct TcpCase {
 };
 
 constexpr TcpCase kTcp[] = {
-    {"Ipv4", "127.0.0.1", "127.0.0.1", "127.0.0.1"},      {"Ipv6", "::1", "::1", "::1"},
-    {"AllByIpv4", nullptr, "127.0.0.1", "127.0.0.1"},     {"StarByIpv4", "*", "127.0.0.1", "127.0.0.1"},
-    {"AllByIpv6", nullptr, "::1", "::1"},                 {"NameConnected", "127.0.0.1", "localhost", "127.0.0.1"},
+    {"Ipv4", "127.0.0.1", "127.0.0.1", "127.0.0.1"},
+    {"Ipv6", "::1", "::1", "::1"},
+    {"AllByIpv4", nullptr, "127.0.0.1", "127.0.0.1"},
+    {"StarByIpv4", "*", "127.0.0.1", "127.0.0.1"},
+    {"AllByIpv6", nullptr, "::1", "::1"},
+    {"NameConnected", "127.0.0.1", "localhost", "127.0.0.1"},
     {"NameListened", "localhost", "localhost", nullptr},
 };
 
@@ -185,10 +188,18 @@ TEST_P(BadArgumentTest, IsRefusedWithinTheCall) {
     zel_error = 0;
     ZelPeer* peer = nullptr;
     switch (row.call) {
-      case BadCase::ListenTcp: peer = connection_listenOnTCP(connection, row.host, row.port); break;
-      case BadCase::ListenIpc: peer = connection_listenOnIPC(connection, row.port); break;
-      case BadCase::ConnectTcp: peer = connection_connectToTCP(connection, row.host, row.port, 0); break;
-      case BadCase::ConnectIpc: peer = connection_connectToIPC(connection, row.port); break;
+      case BadCase::ListenTcp:
+        peer = connection_listenOnTCP(connection, row.host, row.port);
+        break;
+      case BadCase::ListenIpc:
+        peer = connection_listenOnIPC(connection, row.port);
+        break;
+      case BadCase::ConnectTcp:
+        peer = connection_connectToTCP(connection, row.host, row.port, 0);
+        break;
+      case BadCase::ConnectIpc:
+        peer = connection_connectToIPC(connection, row.port);
+        break;
     }
     EXPECT_EQ(peer, nullptr);
     EXPECT_EQ(living(), 0u);

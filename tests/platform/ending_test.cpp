@@ -189,11 +189,19 @@ class VanishTest : public EndingTest, public ::testing::WithParamInterface<Vanis
  protected:
   void act() {
     switch (GetParam().act) {
-      case Act::Nothing: break;
-      case Act::HalfClose: shutdown(other_.get(), SHUT_WR); break;
-      case Act::Urgent: send(other_.get(), "!", 1, MSG_OOB | MSG_NOSIGNAL); break;
-      case Act::Reset: resetOnClose(other_); [[fallthrough]];
-      case Act::Close: other_.reset();
+      case Act::Nothing:
+        break;
+      case Act::HalfClose:
+        shutdown(other_.get(), SHUT_WR);
+        break;
+      case Act::Urgent:
+        send(other_.get(), "!", 1, MSG_OOB | MSG_NOSIGNAL);
+        break;
+      case Act::Reset:
+        resetOnClose(other_);
+        [[fallthrough]];
+      case Act::Close:
+        other_.reset();
     }
   }
 };

@@ -27,8 +27,7 @@
 #include <chrono>
 #include <functional>
 #include <list>
-#include <map>
-#include <regex>
+#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
@@ -160,7 +159,7 @@ class WireServerTest : public ::testing::Test {
       WireClient::pumpAll();
       if (condition()) return true;
       if (std::chrono::steady_clock::now() > limit) return false;
-      zel_loop_turn(WireClient::pumpAll(), 2);
+      zel_loop_turn(2);
     }
   }
 

@@ -488,7 +488,7 @@ INSTANTIATE_TEST_SUITE_P(
         ReadCase{"Length", withLength(10), {"", "0123456789"}, "GET"},
         ReadCase{"LengthOne", withLength(1), {"", "0"}, "GET"},
         ReadCase{"Long", withLength(30000), {"", pattern(30000)}, "GET"},
-        // Before the first octet nothing tells a body that is empty from one that has not begun to arrive.
+        // Not before the first octet: see NothingYetIsTheEnd.
         ReadCase{"UntilClose", kUntilClose, {"", "0123456789"}, "", 1},
         ReadCase{"UntilCloseLong", kUntilClose, {"", pattern(30000)}, "", 1},
         ReadCase{"Chunk", kChunked, {"5\r\n", "hello", "\r\n0\r\n\r\n"}, "GET"},
@@ -592,6 +592,16 @@ TEST(BodyReadUntilClose, EndsWithTheStream) {
   clearerr(input.stream());
   input.release();
   EXPECT_EQ(reading.once(4096), "|end");
+  EXPECT_EQ(reading.message()->state, 3);
+}
+
+// Without a length, no octet counts as all of them: the first read must find something.
+TEST(BodyReadUntilClose, NothingYetIsTheEnd) {
+  ScriptInput input(kUntilClose);
+  input.hold().bytes("0123");
+  Reading reading(input);
+  EXPECT_EQ(reading.once(4096), "|end");
+  EXPECT_EQ(reading.message()->needMoreData, 0);
   EXPECT_EQ(reading.message()->state, 3);
 }
 
