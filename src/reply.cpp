@@ -1,7 +1,6 @@
 #include <krohttp/reply.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -52,8 +51,10 @@ class StatusLine {
   }
   void put(unsigned number) {
     char digits[10];
-    const char* const end = std::to_chars(digits, digits + sizeof digits, number).ptr;
-    put(std::string_view(digits, static_cast<size_t>(end - digits)));
+    size_t first = sizeof digits;
+    do digits[--first] = static_cast<char>('0' + number % 10);
+    while ((number /= 10) != 0);
+    put(std::string_view(digits + first, sizeof digits - first));
   }
 
   size_t length_ = 0;

@@ -62,19 +62,17 @@ CString encode(const char* text) {
 // Encodes the decoded text at the beginning of [slot, slotEnd) again, within these bytes; what is left over is zeroed.
 //
 // An escaped character came in as three bytes, so it has its room. One that came in bare has none and stays bare, as
-// room goes first to those that cannot have come bare: '&', which would have ended the parameter, '=' in a name, and
-// '%' with two characters behind it.
+// room goes first to those that did not come bare: '&', which would have ended the parameter, '=' in a name, and '%',
+// bare only where the text ends, and so the last one to get room.
 void encodeWithin(char* slot, char* slotEnd, bool isName) {
   const auto size = static_cast<size_t>(slotEnd - slot);
   const size_t length = strnlen(slot, size);
-  const auto cannotBeBare = [&](size_t at) {
-    return slot[at] == '&' || (isName && slot[at] == '=') || (slot[at] == '%' && at + 2 < length);
-  };
+  const auto cameEscaped = [&](size_t at) { return slot[at] == '&' || slot[at] == '%' || (isName && slot[at] == '='); };
 
   size_t first = 0;
   size_t second = 0;
   for (size_t at = 0; at < length; ++at) {
-    if (cannotBeBare(at))
+    if (cameEscaped(at))
       ++first;
     else if (isEscaped(slot[at]))
       ++second;
@@ -88,9 +86,7 @@ void encodeWithin(char* slot, char* slotEnd, bool isName) {
   std::fill(out, slotEnd, '\0');
   for (size_t at = length; at-- > 0;) {
     const char c = slot[at];
-    const bool escaped = cannotBeBare(at)  ? --first < firstEscaped
-                         : isEscaped(c) ? --second < secondEscaped
-                                        : false;
+    const bool escaped = cameEscaped(at) ? --first < firstEscaped : isEscaped(c) ? --second < secondEscaped : false;
     out -= escaped ? 3 : 1;
     if (escaped)
       putEscape(out, c);

@@ -72,7 +72,9 @@ int utils_keyvalue(char* string, char** key, char** value, char** cursor, char s
 // RFC 4648 section 4.
 int http_base64Encode(const void* input, unsigned length, char** output) {
   const size_t groups = (static_cast<size_t>(length) + 2) / 3;
-  CString text(static_cast<char*>(std::calloc(groups * 4 + 1, 1)));
+  const bool representable = groups * 4 + 1 <= UINT_MAX;
+  if (!representable) errno = EOVERFLOW;
+  CString text(representable ? static_cast<char*>(std::calloc(groups * 4 + 1, 1)) : nullptr);
   if (!text) {
     TRACE_ERROR("unable to encode binary data: %m");
     return refuse(output);

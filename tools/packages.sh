@@ -4,25 +4,28 @@
 
 packages_table() {
   cat <<'TABLE'
-build  cmake             configures the build (3.25 or newer)
-build  ninja-build       runs the build
-build  g++               the C++20 and C11 compilers, nm and readelf
-build  pkgconf           finds libuv
-build  libuv1-dev        event loop underneath the bundled platform
-build  libcli11-dev      krohttpd's command line
-test   libgtest-dev      the test framework
-test   curl              a real client for the wire tests
-test   wget              a second real client, with another idea of keep-alive
-test   chromium          a real browser for the bundled site
-test   valgrind          memory checks of the optimised daemon
-test   wrk               many connections at once for the load tests
-bench  libbenchmark-dev  the micro benchmarks
-bench  wrk               the load generator
-fuzz   clang             libFuzzer and its instrumentation
-lint   clang-format      the layout of the sources
-lint   clang-tidy        static analysis
-lint   shellcheck        static analysis of the shell scripts
-fresh  debootstrap       makes the bare Debian of tools/fresh-machine
+build  cmake              configures the build (3.25 or newer)
+build  ninja-build        runs the build
+build  g++                the C++20 and C11 compilers, nm and readelf
+build  pkgconf            finds libuv
+build  libuv1-dev         event loop underneath the bundled platform
+build  libcli11-dev       krohttpd's command line
+test   libgtest-dev       the test framework
+test   curl               a real client for the wire tests
+test   wget               a second real client, with another idea of keep-alive
+test   chromium           a real browser for the bundled site
+test   valgrind           memory checks of the optimised daemon
+test   wrk                many connections at once for the load tests
+bench  libbenchmark-dev   the micro benchmarks
+bench  wrk                the load generator of bench/load
+bench  nginx-light        a server to compare with
+bench  lighttpd           a server to compare with
+bench  libmicrohttpd-dev  a library to compare with
+fuzz   clang              libFuzzer and its instrumentation
+lint   clang-format       the layout of the sources
+lint   clang-tidy         static analysis
+lint   shellcheck         static analysis of the shell scripts
+fresh  debootstrap        makes the bare Debian of tools/fresh-machine
 TABLE
 }
 

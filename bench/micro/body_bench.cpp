@@ -11,12 +11,12 @@
 
 namespace {
 
-constexpr size_t kKiB = 1024;
-constexpr size_t kBodySize = 1024 * kKiB;
+constexpr size_t kBodyKiB = 1024;
+constexpr size_t kBodySize = kBodyKiB * 1024;
 
 void countKiB(benchmark::State& state) {
   state.counters["s/KiB"] =
-      benchmark::Counter(kBodySize / kKiB, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+      benchmark::Counter(kBodyKiB, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kBodySize));
 }
 

@@ -18,7 +18,7 @@ function medianOf(series, server,    i, values) {
 }
 
 function ratio(value, series) {
-  return reference in rounds && medianOf(series, reference) > 0 ? sprintf("%.2f", value / medianOf(series, reference)) : "-"
+  return medianOf(series, reference) > 0 ? sprintf("%.2f", value / medianOf(series, reference)) : "-"
 }
 
 $1 == scenario {
@@ -38,15 +38,15 @@ $1 == scenario {
 
 END {
   split("connect read write status timeout", kind, " ")
-  printf "%-10s %12s %8s %12s %12s %8s %9s %7s  %s\n", "", "CPU us/req", "ratio", "of it user", "requests/s", "ratio", "MB/s",
-    "busy %", "errors"
+  printf "%-10s %11s %11s %11s %11s %11s %9s %7s  %s\n", "", "CPU us/req", "/" reference, "of it user", "requests/s",
+    "/" reference, "MB/s", "busy %", "errors"
   n = split(order, servers, " ")
   for (s = 1; s <= n; ++s) {
     server = servers[s]
     if (!(server in rounds)) continue
     text = ""
     for (i = 1; i <= 5; ++i) if (errors[server, i] > 0) text = text kind[i] " " errors[server, i] " "
-    printf "%-10s %12.2f %8s %12.2f %12.0f %8s %9.1f %7.0f  %s\n", server, medianOf(cpu, server),
+    printf "%-10s %11.2f %11s %11.2f %11.0f %11s %9.1f %7.0f  %s\n", server, medianOf(cpu, server),
       ratio(medianOf(cpu, server), cpu), medianOf(user, server), medianOf(rate, server),
       ratio(medianOf(rate, server), rate), medianOf(transfer, server), medianOf(busy, server),
       text == "" ? "none" : text

@@ -44,6 +44,7 @@ void freePeer(uv_handle_t* handle) { free(handle->data); }
 
 void release(ZelPeer* peer) {
   peer->link.leave();
+  queue_clear(&peer->output);
   free(peer->address);
   if (peer->polled)
     uv_close(reinterpret_cast<uv_handle_t*>(&peer->poll), freePeer);

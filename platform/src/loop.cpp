@@ -105,12 +105,13 @@ void endEveryPeer() {
   bool found = true;
   while (found) {
     found = false;
-    for (Link* link = connections.next; link != &connections && !found; link = link->next) {
+    for (Link* link = connections.next; link != &connections; link = link->next) {
       ZelListIterator walk;
       ZelPeer* peer = static_cast<ZelPeer*>(llist_first(linked<ZelConnection>(link)->peers, &walk));
       if (!peer) continue;
       found = true;
       peer_end(peer, Ending::Here);
+      break;
     }
   }
 }

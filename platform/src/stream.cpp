@@ -9,6 +9,9 @@
 
 #include "platform_internal.h"
 
+// glibc: takes a stream from the list of all streams, which fclose() otherwise searches for it from the newest on.
+extern "C" void _IO_un_link(void* stream) __attribute__((weak));
+
 namespace zel {
 
 namespace {
@@ -109,6 +112,7 @@ FILE* openStream(ZelPeer* peer, const char* mode, cookie_io_functions_t function
   if (!stream) return failWithErrno<FILE>();
   __fsetlocking(stream, FSETLOCKING_BYCALLER);
   setvbuf(stream, nullptr, _IONBF, 0);
+  if (_IO_un_link) _IO_un_link(stream);
   return stream;
 }
 

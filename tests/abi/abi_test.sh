@@ -43,8 +43,8 @@ find_package() {
   shift
   fresh_folder "$folder"
   "$CMAKE" --no-warn-unused-cli -G Ninja -S "$SOURCE/tests/abi/consumer" -B "$work/$folder" -DCMAKE_BUILD_TYPE=Debug \
-    -DCMAKE_C_COMPILER="$CC" -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_C_FLAGS="${instrument[*]}" \
-    -DCMAKE_PREFIX_PATH="$prefix" "$@"
+    -DCMAKE_C_COMPILER="$CC" -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_C_FLAGS="${instrument[*]}" -DCMAKE_EXE_LINKER_FLAGS="${instrument[*]}" "$@"
   "$CMAKE" --build "$work/$folder"
   "$work/$folder/consumer"
 }
@@ -155,22 +155,23 @@ external_platform() {
 
 # The README's server, as it stands there: compiles, runs and answers.
 readme() {
-  local url line
+  local port line
   fresh_folder readme
   # shellcheck disable=SC2016 # the quotes are Markdown's
   sed -n '/^```c$/,/^```$/p' "$SOURCE/README.md" | sed '/^```/d' >"$work/readme/server.c"
   compile "$work/readme/server.c" "$work/readme/server" -- "${instrument[@]}"
+  : >"$work/readme/out"
   LD_LIBRARY_PATH=$(libdir "$prefix") "$work/readme/server" 0 >"$work/readme/out" &
   server=$!
-  trap 'kill "$server" 2>/dev/null; wait "$server"' EXIT
+  trap 'kill "$server"; wait "$server" || true' EXIT
   for _ in {1..100}; do
-    url=$(sed -nE 's,^http://127\.0\.0\.1:([0-9]+)/$,\1,p' "$work/readme/out")
-    [ -z "$url" ] || break
+    port=$(sed -nE 's,^http://127\.0\.0\.1:([0-9]+)/$,\1,p' "$work/readme/out")
+    [ -z "$port" ] || break
     kill -0 "$server" || fail "the server ended"
     sleep 0.1
   done
-  [ -n "$url" ] || fail "the server did not say where it listens"
-  exec 3<>"/dev/tcp/127.0.0.1/$url"
+  [ -n "$port" ] || fail "the server did not say where it listens"
+  exec 3<>"/dev/tcp/127.0.0.1/$port"
   printf 'GET /world HTTP/1.0\r\n\r\n' >&3
   line=$(timeout 20 cat <&3 | tr -d '\r')
   echo "$line"

@@ -476,12 +476,18 @@ TEST_F(ShortageTest, LingeringPeersGoFirst) {
 
 TEST_F(ShortageTest, ConnectingWithoutDescriptorsFailsLater) {
   ZelPeer* listener = connection_listenOnTCP(connection_, "127.0.0.1", "0");
+  const std::string port = portOf(listener);
   other_.reset(dup(0));
   allowNoMore();
-  ZelPeer* peer = connection_connectToTCP(connection_, "127.0.0.1", portOf(listener).c_str(), 0);
+  // The sanitizer needs descriptors to check calls of the fixture's members: none from here on.
+  ZelPeer* peer = connection_connectToTCP(connection_, "127.0.0.1", port.c_str(), 0);
   ASSERT_NE(peer, nullptr);
-  collect(peer);
-  ASSERT_TRUE(until([&] { return ended(); }));
+  client_.on(peer, PEER_EVENT_CLOSE, [](ZelPeer*) {
+    EXPECT_EQ(zel_error, static_cast<uint32_t>(EMFILE));
+    return true;
+  });
+  for (int turn = 0; turn < 3; ++turn) zel_loop_turn(0);
+  EXPECT_EQ(client_.count(PEER_EVENT_CLOSE), 1u);
   EXPECT_EQ(connection_listenOnTCP(connection_, "127.0.0.1", "0"), nullptr);
   EXPECT_EQ(zel_error, static_cast<uint32_t>(EMFILE));
 }

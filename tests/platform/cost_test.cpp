@@ -1,5 +1,6 @@
 // What peers cost: memory at rest, system calls and allocations of a request. And what a lack of memory does.
 #include <malloc.h>
+#include <stdio_ext.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -132,6 +133,22 @@ TEST_F(CostTest, AFullSocketIsNotTriedAgainBeforeItTakesData) {
   for (int i = 0; i < 10; ++i) zel_loop_turn(0);
   EXPECT_EQ(counters.writes, before);
   EXPECT_LE(before, 3u);
+}
+
+// fclose() searches that list from its newest member on: closing many peers would take time by the square of their
+// number.
+TEST_F(CostTest, StreamsArePutOutOfStdiosList) {
+  ZelPeer* peer = makePeer(&other_);
+  probe_.on(peer, PEER_EVENT_DATA, [](ZelPeer* one) {
+    FILE* out = peer_outStream(one, PEER_STREAM_BUFFERED);
+    fputc(fgetc(peer_inStream(one)), out);
+    fflush(nullptr);
+    EXPECT_EQ(__fpending(out), 1u);
+    return true;
+  });
+  sendText(other_, "x");
+  settle();
+  EXPECT_EQ(received(other_), "x");
 }
 
 }  // namespace

@@ -452,6 +452,22 @@ TEST_F(EndingTest, ClosingTheLoopEndsEveryPeerAndItCanStartAgain) {
   }
 }
 
+TEST_F(EndingTest, ConnectionsMayBeDestroyedWhileTheLoopCloses) {
+  Descriptor otherB;
+  ZelPeer* peer = makePeer(&other_);
+  makePeer(&otherB);
+  onClose(peer);
+  static ZelConnection** connection;
+  connection = &connection_;
+  peer_addCloseHandler(peer, [](ZelPeer*) {
+    connection_destroy(std::exchange(*connection, nullptr));
+    return true;
+  });
+  zel_loop_close();
+  EXPECT_TRUE(ended());
+  EXPECT_EQ(received(otherB), "<end>");
+}
+
 TEST_F(EndingTest, NothingIsMadeWhileTheLoopCloses) {
   ZelPeer* peer = makePeer(&other_);
   probe_.on(peer, PEER_EVENT_CLOSE, [&](ZelPeer*) {

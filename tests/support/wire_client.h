@@ -7,8 +7,10 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -331,7 +333,8 @@ class TemporaryFolder {
     if (realpath(name.c_str(), resolved.data())) path_ = resolved.data();
   }
   ~TemporaryFolder() {
-    if (!path_.empty()) EXPECT_EQ(system(("rm -rf '" + path_ + "'").c_str()), 0);
+    if (path_.empty()) return;
+    EXPECT_EQ(system(("rm -rf '" + path_ + "'").c_str()), 0);
   }
   TemporaryFolder(const TemporaryFolder&) = delete;
   TemporaryFolder& operator=(const TemporaryFolder&) = delete;

@@ -315,9 +315,33 @@ TEST(HeaderTable, EveryNameFindsItsCodeInAnyCase) {
 }
 
 TEST(HeaderTable, OtherNamesAreCustom) {
-  for (const char* name : {"X-Custom", "", "A", "Accep", "Accept-", "Accept2", "Accept ", " Accept", "Content-Typ",
-                           "Content-Types", "ContentType", "Content_Type", "Host:", "Set-Cookie3", "zzzz", "\xc3\xa9",
-                           "AAAA-----ERRO", "ZZZZ------CUSTOMS", "Content-Security-Policy"}) {
+  for (const char* name : {"X-Custom",
+                           "",
+                           "A",
+                           "Accep",
+                           "Accept-",
+                           "Accept2",
+                           "Accept ",
+                           " Accept",
+                           "Content-Typ",
+                           "Content-Types",
+                           "ContentType",
+                           "Content_Type",
+                           "Host:",
+                           "Set-Cookie3",
+                           "zzzz",
+                           "\xc3\xa9",
+                           "AAAA-----ERRO",
+                           "{",
+                           "|x",
+                           "\x7f",
+                           "@",
+                           "[",
+                           "`",
+                           "!",
+                           "0",
+                           "ZZZZ------CUSTOMS",
+                           "Content-Security-Policy"}) {
     EXPECT_EQ(prot_headerCode(name), 52) << name;
     EXPECT_EQ(prot_headerCodeOf(name), 52) << name;
   }
