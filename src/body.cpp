@@ -435,10 +435,18 @@ int body_close_chunked(void* cookie) {
 
 // --- opening ----------------------------------------------------------------------------------------------------------
 
-constexpr cookie_io_functions_t kNormal{body_read_normal, body_write_normal, body_seek_refused, body_close_normal};
-constexpr cookie_io_functions_t kBuffered{body_read_buffered, body_write_normal, body_seek_buffered,
+// stdio takes a negative count for a very large one: a refused write is one of no bytes there.
+template <ssize_t (*write)(void*, const char*, size_t)>
+ssize_t countWritten(void* cookie, const char* buffer, size_t size) {
+  return std::max<ssize_t>(write(cookie, buffer, size), 0);
+}
+
+constexpr cookie_io_functions_t kNormal{body_read_normal, countWritten<body_write_normal>, body_seek_refused,
+                                        body_close_normal};
+constexpr cookie_io_functions_t kBuffered{body_read_buffered, countWritten<body_write_normal>, body_seek_buffered,
                                           body_close_buffered};
-constexpr cookie_io_functions_t kChunked{body_read_chunked, body_write_chunked, body_seek_refused, body_close_chunked};
+constexpr cookie_io_functions_t kChunked{body_read_chunked, countWritten<body_write_chunked>, body_seek_refused,
+                                         body_close_chunked};
 
 // Opens a stream of @p functions over a context of type Body, which the stream owns. The stream's own buffer stands
 // behind the context, no larger than a body of known @p length needs.

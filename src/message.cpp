@@ -112,6 +112,23 @@ namespace {
 // Control bytes have no place in a head; TAB may stand in values, CR and LF end lines.
 constexpr bool isKept(int byte) { return byte > 31 || byte == '\r' || byte == '\n' || byte == '\t'; }
 
+// Stores what stdio holds of the line in one go, as far as it fits. Returns how many bytes were taken: none when there
+// are bytes to drop among them, or nothing is held.
+size_t takeBuffered(HttpMessage* message, FILE* stream) {
+  const char* const held = stream->_IO_read_ptr;
+  size_t count = std::min<size_t>(static_cast<size_t>(stream->_IO_read_end - held), message->bufferSize - message->fill);
+  if (count == 0) return 0;
+  if (const void* const lineFeed = std::memchr(held, '\n', count))
+    count = static_cast<size_t>(static_cast<const char*>(lineFeed) - held) + 1;
+  bool allKept = true;
+  for (size_t at = 0; at < count; ++at) allKept &= isKept(static_cast<unsigned char>(held[at]));
+  if (!allKept) return 0;
+  std::memcpy(message->buffer + message->fill, held, count);
+  message->fill += static_cast<uint32_t>(count);
+  stream->_IO_read_ptr += count;
+  return count;
+}
+
 // Ends the line whose LF is the last byte of the buffer. The byte before the LF is taken for the CR, whatever it is.
 char* takeLine(HttpMessage* message) {
   message->buffer[message->fill - 1] = '\0';
@@ -135,29 +152,40 @@ int beginLine(HttpMessage* message) {
   return -1;
 }
 
-// A line of @p size bytes, its NUL included, fits at lineEnd. @p text follows if it stands in the buffer.
-int makeRoomForLine(HttpMessage* message, size_t size, std::string_view* text) {
-  if (size <= message->bufferSize - message->lineEnd) return 0;
-  const bool inside = text->data() >= message->buffer && text->data() < message->buffer + message->bufferSize;
-  const ptrdiff_t at = inside ? text->data() - message->buffer : 0;
-  if (size > UINT32_MAX || msg_growAndKeep(message, static_cast<unsigned>(size)) < 0) {
-    TRACE_ERROR("unable to grow buffer");
-    return -1;
+// Keeps a text that may stand in the buffer while the buffer moves.
+class TextInBuffer {
+ public:
+  TextInBuffer(const HttpMessage* message, std::string_view text)
+      : text_(text), at_(text.data() - message->buffer), inside_(at_ >= 0 && at_ < message->bufferSize) {}
+  std::string_view in(const HttpMessage* message) const {
+    return inside_ ? std::string_view(message->buffer + at_, text_.size()) : text_;
   }
-  if (inside) *text = {message->buffer + at, text->size()};
-  return 0;
-}
+
+ private:
+  std::string_view text_;
+  ptrdiff_t at_;
+  bool inside_;
+};
 
 // Appends the line "name: value" without going through a format.
 int appendHeaderText(HttpMessage* message, std::string_view name, std::string_view value) {
-  const size_t length = name.size() + 2 + value.size();
-  if (beginLine(message) < 0 || makeRoomForLine(message, length + 1, &value) < 0) return -1;
+  const size_t size = name.size() + 2 + value.size() + 1;
+  const TextInBuffer keptName(message, name);
+  const TextInBuffer keptValue(message, value);
+  if (beginLine(message) < 0) return -1;
+  if (size > message->bufferSize - message->lineEnd &&
+      (size > UINT32_MAX || msg_growAndKeep(message, static_cast<unsigned>(size)) < 0)) {
+    TRACE_ERROR("unable to grow buffer");
+    return -1;
+  }
+  name = keptName.in(message);
+  value = keptValue.in(message);
   char* const line = message->buffer + message->lineEnd;
   std::memcpy(line, name.data(), name.size());
   std::memcpy(line + name.size(), ": ", 2);
   std::memcpy(line + name.size() + 2, value.data(), value.size());
-  line[length] = '\0';
-  lineWritten(message, length);
+  line[size - 1] = '\0';
+  lineWritten(message, size - 1);
   return 0;
 }
 
@@ -186,11 +214,13 @@ int msg_lineGet(HttpMessage* message, FILE* stream, char** line) {
   message->needMoreData = 0;
   for (;;) {
     if (message->fill == message->bufferSize && msg_growAndKeep(message, 0) < 0) return -1;
-    const int byte = getc_unlocked(stream);
-    if (byte == EOF) break;
-    if (!isKept(byte)) continue;
-    message->buffer[message->fill++] = static_cast<char>(byte);
-    if (byte == '\n') {
+    if (takeBuffered(message, stream) == 0) {
+      const int byte = getc_unlocked(stream);
+      if (byte == EOF) break;
+      if (!isKept(byte)) continue;
+      message->buffer[message->fill++] = static_cast<char>(byte);
+    }
+    if (message->buffer[message->fill - 1] == '\n') {
       *line = takeLine(message);
       return 0;
     }
@@ -695,6 +725,7 @@ int appendWithFormattedValue(HttpMessage* message, const char* name, const char*
 
 int appendHeader(HttpMessage* message, const char* name, const char* format, va_list arguments) {
   if (std::strchr(name, '%') != nullptr) return appendWithNameAsFormat(message, name, format, arguments);
+  if (std::strchr(format, '%') == nullptr) return appendHeaderText(message, name, format);
   if (std::strcmp(format, "%s") != 0) return appendWithFormattedValue(message, name, format, arguments);
   va_list copy;
   va_copy(copy, arguments);

@@ -38,6 +38,7 @@ constexpr uint32_t kKeptBuffer = 2048;
 // A connection with what only this file needs to know.
 struct Connection : HttpServerConnection {
   bool corked;               // the socket takes TCP_CORK
+  bool replyDoneTold;        // replyDoneHandler has been called for this reply
   uint64_t staticRemaining;  // bytes still to send of a regular file, as announced: it may grow or shrink meanwhile
   ZelTimer* later;           // runs goOnLater(), null until it is needed
   Connection* previous;      // all connections of all servers, oldest first
@@ -237,10 +238,12 @@ bool srv_handleWriteFileReplyDone(ZelPeer* peer);
 // --- going on without an event ----------------------------------------------------------------------------------------
 
 // No event comes for a reply that is completed after all of it has left, nor from a descriptor that has nothing to send
-// yet: a timer goes on with them.
+// yet, and those for a body whose handler does not read would come all the time: a timer goes on with them.
 void goOnLater(ZelTimer*, void* userData) {
   auto* const connection = static_cast<Connection*>(userData);
   ZelPeer* const peer = peerOf(connection);
+  if (connection->state == HTTP_SERVER_RECEIVING_REQUEST && connection->request.message.paused == HTTP_MSG_RUNNING)
+    peer_setEventHandler(peer, PEER_EVENT_DATA, PEER_DIRECTION_IN, srv_handleRead);
   if (connection->state != HTTP_SERVER_SENDING_REPLY) return;
   if (connection->staticFd >= 0) {
     peer_setEventHandler(peer, PEER_EVENT_WRITABLE, PEER_DIRECTION_OUT, srv_handleWriteFile);
@@ -261,6 +264,9 @@ bool startLater(Connection* connection, unsigned milliseconds) {
 }
 
 // --- reading ----------------------------------------------------------------------------------------------------------
+
+// How long to leave alone what is ready all the time but does not get on.
+constexpr unsigned kPauseMilliseconds = 10;
 
 // What a step of reading tells srv_handleRead(): to go on with the next one, or what to return.
 constexpr int kGoOn = -1;
@@ -305,6 +311,17 @@ int srv_handleReadHeader(Connection* connection, ZelPeer* peer) {
   return kGoOn;
 }
 
+// The body's handler was offered data and has read none. Offering it again at once would never end.
+int bodyStandsStill(Connection* connection, ZelPeer* peer) {
+  FILE* const body = connection->request.message.body;
+  if (body != nullptr && (ferror_unlocked(body) || feof_unlocked(body))) {
+    TRACE_ERROR("unable to read request body");
+    return kDrop;
+  }
+  peer_setEventHandler(peer, PEER_EVENT_DATA, PEER_DIRECTION_IN, nullptr);
+  return startLater(connection, kPauseMilliseconds) ? kHandled : kDrop;
+}
+
 int srv_handleReadBody(Connection* connection, ZelPeer* peer) {
   HttpRequest* const request = &connection->request;
   expect(connection, HTTP_SERVER_RECEIVING_REQUEST);
@@ -329,8 +346,7 @@ int srv_handleReadBody(Connection* connection, ZelPeer* peer) {
     closeOpenBody(&request->message);
     switchTo(connection, HTTP_SERVER_REQUEST_RECEIVED);
   } else if (!http_requestNeedMoreData(request) && readMark(request->message) == before) {
-    // The handler reads nothing now; asking again at once would never end.
-    return kHandled;
+    return bodyStandsStill(connection, peer);
   }
   return result < 0 ? kDrop : kGoOn;
 }
@@ -429,6 +445,7 @@ void awaitNextRequest(Connection* connection, ZelPeer* peer) {
   trimBuffer(reply);
   prepareMessages(connection);
   reply->bodyless = 0;
+  connection->replyDoneTold = false;
   // A request that was paused and never resumed keeps its connection paused.
   if (request->paused != HTTP_MSG_PAUSED)
     peer_setEventHandler(peer, PEER_EVENT_DATA, PEER_DIRECTION_IN, srv_handleRead);
@@ -452,6 +469,7 @@ bool srv_handleWriteDone(ZelPeer* peer) {
   http_replyDone(&connection->reply);
   if (connection->server->replyDoneHandler != nullptr) {
     TRACE_NOTICE("calling reply done handler");
+    connection->replyDoneTold = true;
     const Watch watch(connection);
     connection->server->replyDoneHandler(&connection->reply, &connection->request);
     if (watch.gone()) return true;
@@ -490,7 +508,7 @@ void reportClose(Connection* connection, ZelPeer* peer) {
       reply->message.state = HTTP_MSG_ACKNOWLEDGED;
       peer_setEventHandler(peer, PEER_EVENT_DRAINED, PEER_DIRECTION_OUT, nullptr);
       switchTo(connection, HTTP_SERVER_REPLY_SENT);
-      if (server->replyDoneHandler != nullptr) server->replyDoneHandler(reply, request);
+      if (server->replyDoneHandler != nullptr && !connection->replyDoneTold) server->replyDoneHandler(reply, request);
       break;
     case HTTP_SERVER_CLOSED: TRACE_NOTICE("server was already closed"); break;
     case HTTP_SERVER_REQUEST_RECEIVED:
@@ -601,6 +619,10 @@ size_t stepSize(const Connection* connection) {
 
 // Every way to send takes one step and leaves its errno, 0 after a success.
 
+bool allSent(const Connection* connection) {
+  return connection->staticSize != -1 && connection->staticRemaining == 0 && connection->staticWriter != nullptr;
+}
+
 ssize_t srv_writeWithSendfile(ZelPeer* peer, HttpServerConnection* connection) {
   errno = 0;
   const ssize_t count =
@@ -671,12 +693,11 @@ bool sourceIsEmpty(const Connection* connection) {
 
 // The step could not send everything: waits for whoever holds it up.
 bool awaitWritable(Connection* connection, ZelPeer* peer) {
-  constexpr unsigned kSourcePause = 10;
   TRACE_INFO("need to send more data for static file");
   if (!sourceIsEmpty(connection)) return true;
   // The socket is ready all the time: without a pause the loop would spin until the descriptor is.
   peer_setEventHandler(peer, PEER_EVENT_WRITABLE, PEER_DIRECTION_OUT, nullptr);
-  return startLater(connection, kSourcePause);
+  return startLater(connection, kPauseMilliseconds);
 }
 
 bool staticFileSent(Connection* connection, ZelPeer* peer) {
@@ -685,6 +706,12 @@ bool staticFileSent(Connection* connection, ZelPeer* peer) {
   const bool buffered = peer_setStreamType(peer, PEER_STREAM_BUFFERED);
   if (!buffered) TRACE_ERROR("unable to switch stream type to buffered, closing connection");
   resetStatic(connection);
+  if (buffered && connection->state < HTTP_SERVER_SENDING_REPLY) {
+    // Answered before all of the request has come: its end goes on with the reply.
+    peer_setEventHandler(peer, PEER_EVENT_WRITABLE, PEER_DIRECTION_OUT, nullptr);
+    peer_setEventHandler(peer, PEER_EVENT_DRAINED, PEER_DIRECTION_OUT, nullptr);
+    return true;
+  }
   return buffered && srv_handleWriteDone(peer);
 }
 
@@ -704,6 +731,7 @@ bool srv_handleWriteFile(ZelPeer* peer) {
   }
   ssize_t count = 0;
   do {
+    if (allSent(connection)) break;
     count = connection->staticWriter != nullptr ? connection->staticWriter(peer, connection)
                                                 : detectSendMethod(peer, connection);
     if (count > 0 && connection->staticSize != -1) connection->staticRemaining -= static_cast<uint64_t>(count);
@@ -958,7 +986,8 @@ int http_serverSendFd(HttpReply* reply, int descriptor) {
     return -1;
   }
   connection->staticFd = descriptor;
-  fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
+  const int flags = fcntl(descriptor, F_GETFL);
+  if ((flags & O_NONBLOCK) == 0) fcntl(descriptor, F_SETFL, flags | O_NONBLOCK);
   return 0;
 }
 

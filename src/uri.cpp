@@ -1,7 +1,7 @@
 #include <krohttp/uri.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -95,6 +95,39 @@ void encodeWithin(char* slot, char* slotEnd, bool isName) {
   }
 }
 
+// Points into @p copy, which holds the query, as @p pointer does into the query itself.
+char* inCopy(char* pointer, const HttpUri& uri, char* copy) {
+  return pointer == nullptr ? nullptr : copy + (pointer - uri.query);
+}
+
+// Puts the query together at @p copy, whatever parameter is handed out meanwhile.
+void copyQuery(const HttpUri& uri, char* copy) {
+  std::memcpy(copy, uri.query, static_cast<size_t>(uri.queryLength) + 1);
+  HttpUri copied = uri;
+  copied.query = copy;
+  copied.separator = inCopy(uri.separator, uri, copy);
+  copied.parameterEnd = inCopy(uri.parameterEnd, uri, copy);
+  copied.parameterName = inCopy(uri.parameterName, uri, copy);
+  copied.parameterValue = inCopy(uri.parameterValue, uri, copy);
+  http_uriResetParameterIterator(&copied);
+}
+
+char* serialize(const HttpUri& uri) {
+  if (uri.path == nullptr) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  CString path = encode(uri.path);
+  if (!path || uri.queryLength < 1) return path.release();
+  const size_t length = std::strlen(path.get());
+  char* const text = static_cast<char*>(std::malloc(length + 1 + static_cast<size_t>(uri.queryLength) + 1));
+  if (text == nullptr) return nullptr;
+  std::memcpy(text, path.get(), length);
+  text[length] = '?';
+  copyQuery(uri, text + length + 1);
+  return text;
+}
+
 int endOfIteration(char** name, char** value) {
   *name = nullptr;
   *value = nullptr;
@@ -127,15 +160,8 @@ int http_uriParse(HttpUri* uri, char* target) {
 }
 
 char* http_uriSerialize(HttpUri* uri) {
-  char* text = nullptr;
-  const CString path = uri->path != nullptr ? encode(uri->path) : nullptr;
-  const int length = !path                  ? -1
-                     : uri->queryLength > 0 ? asprintf(&text, "%s?%s", path.get(), uri->query)
-                                            : asprintf(&text, "%s", path.get());
-  if (length < 0) {
-    TRACE_ERROR("unable to serialize uri: %m");
-    return nullptr;
-  }
+  char* const text = serialize(*uri);
+  if (text == nullptr) TRACE_ERROR("unable to serialize uri: %m");
   return text;
 }
 

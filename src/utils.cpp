@@ -1,5 +1,6 @@
 #include <krohttp/utils.h>
 
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -19,6 +20,17 @@ namespace {
 constexpr std::string_view kBase64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr std::string_view kRandomAlphabet = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ1234567890";
 
+constexpr uint8_t kNoSextet = 0xFF;
+
+// The value of each character of the alphabet.
+constexpr std::array<uint8_t, 256> kSextets = [] {
+  std::array<uint8_t, 256> sextets{};
+  sextets.fill(kNoSextet);
+  for (size_t value = 0; value < kBase64.size(); ++value)
+    sextets[static_cast<unsigned char>(kBase64[value])] = static_cast<uint8_t>(value);
+  return sextets;
+}();
+
 constexpr bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
 // One group of up to four characters: how many of them belong to the alphabet, and their bits.
@@ -35,9 +47,9 @@ Quartet readQuartet(std::string_view input) {
       quartet.truncated = true;
       break;
     }
-    const size_t value = kBase64.find(input[quartet.count]);
-    if (value == std::string_view::npos) break;
-    quartet.bits = quartet.bits << 6 | static_cast<uint32_t>(value);
+    const uint8_t sextet = kSextets[static_cast<unsigned char>(input[quartet.count])];
+    if (sextet == kNoSextet) break;
+    quartet.bits = quartet.bits << 6 | sextet;
   }
   return quartet;
 }

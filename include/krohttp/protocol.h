@@ -105,7 +105,7 @@ KROHTTP_API int prot_methodCode(const char *text);
 /**
  * The status index of @p code: the rows of the classes before it, plus its last two digits.
  * Only the class is checked: an odd code may land in a neighbour's rows (418 gives 35) or behind the table (199 gives
- * 99); codes below 100 and from 600 give 0.
+ * 99); codes of other classes than 1xx to 5xx give 0.
  */
 KROHTTP_API uint8_t prot_statusCodeHash(unsigned code);
 

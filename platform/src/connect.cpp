@@ -131,7 +131,6 @@ void await(ZelPeer* peer) {
   }
   job->attempt->poll.data = peer;
   uv_poll_start(&job->attempt->poll, UV_WRITABLE, onAttempt);
-  loop.pollsChanged = true;
   if (peer->ended && !peer->heldByTurn) uv_unref(&job->attempt->handle);
 }
 

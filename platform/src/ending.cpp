@@ -35,21 +35,27 @@ void runCloseHandlers(ZelPeer* peer, Ending ending) {
     free(first);
     handler(peer);
   }
-  if (peer->transport == &kSocketTransport) return;
-  peer->transport = &kSocketTransport;
-  stream_dropOutput(peer);
+  if (peer->transport != &kSocketTransport) stream_dropOutput(peer);
 }
 
-void freePeer(uv_handle_t* handle) { free(handle->data); }
+void freeReleased(ZelPeer* peer) {
+  if (peer->released && !peer->polled) free(peer);
+}
 
+void onPollClosed(uv_handle_t* handle) {
+  ZelPeer* peer = static_cast<ZelPeer*>(handle->data);
+  peer->polled = false;
+  freeReleased(peer);
+}
+
+/** Nothing but the poll handle, which closes in its own time, needs the peer any more. */
 void release(ZelPeer* peer) {
   peer->link.leave();
   queue_clear(&peer->output);
   free(peer->address);
-  if (peer->polled)
-    uv_close(reinterpret_cast<uv_handle_t*>(&peer->poll), freePeer);
-  else
-    free(peer);
+  peer->address = nullptr;
+  peer->released = true;
+  freeReleased(peer);
 }
 
 bool holdsSocket(const ZelPeer* peer) {
@@ -75,7 +81,6 @@ void waitFor(ZelPeer* peer, int interest) {
   if (peer->interest == interest) return;
   peer->interest = static_cast<uint8_t>(interest);
   uv_poll_start(&peer->poll, interest, peer_onPoll);
-  loop.pollsChanged = true;
 }
 
 /** @return false when nothing more is to be expected from the other side */
@@ -141,7 +146,8 @@ void peer_continueEnding(ZelPeer* peer) {
 void peer_closeSocket(ZelPeer* peer) {
   queue_clear(&peer->output);
   if (peer->fd < 0) return;
-  if (peer->polled) uv_poll_stop(&peer->poll);
+  // Before the descriptor, whose number may be another socket's soon.
+  if (peer->polled) uv_close(reinterpret_cast<uv_handle_t*>(&peer->poll), onPollClosed);
   close(peer->fd);
   peer->fd = -1;
   if (peer->socket == Socket::Listening) listener_free(peer);

@@ -51,7 +51,6 @@ void onIdle(uv_idle_t*) { timer_runDue(); }
 void onPrepare(uv_prepare_t*) {
   work();
   restIfIdle();
-  loop.pollsChanged = false;
 }
 
 void onCheck(uv_check_t*) {
@@ -226,7 +225,6 @@ extern "C" int zel_loop_descriptor(void) { return zel::loop_open() ? uv_backend_
 
 extern "C" int zel_loop_timeout(void) {
   if (!loop.open) return -1;
-  if (loop.pollsChanged) return 0;
   uv_update_time(&loop.uv);
   if (uv_loop_alive(&loop.uv)) return uv_backend_timeout(&loop.uv);
   if (loop.lingering.alone()) return -1;

@@ -222,7 +222,6 @@ void peer_applyInterest(ZelPeer* peer) {
     uv_poll_start(&peer->poll, wanted, peer_onPoll);
   else
     uv_poll_stop(&peer->poll);
-  loop.pollsChanged = true;
 }
 
 void peer_rememberRemote(ZelPeer* peer, const sockaddr* address, socklen_t length) {

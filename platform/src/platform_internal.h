@@ -97,6 +97,7 @@ struct ZelPeer {
   bool ending : 1;      /**< its close handlers run or have run; no events any more */
   bool ended : 1;       /**< they have run: writes fail, reads find the end */
   bool heldByTurn : 1;  /**< its memory and streams stay until the end of the turn */
+  bool released : 1;    /**< only the poll handle, which is closing, still needs the memory */
   bool failed : 1;      /**< to be ended by the loop */
   bool writeDead : 1;   /**< the socket refused output for good; what can be read is still offered */
   bool blocked : 1;     /**< the socket is full: wait until it takes data */
@@ -140,7 +141,6 @@ struct Loop {
   bool inTurn;
   bool stopped;
   bool closing;
-  bool pollsChanged; /**< the loop's descriptor does not know of every interest yet */
 };
 
 extern Loop loop;

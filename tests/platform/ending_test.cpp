@@ -1,5 +1,5 @@
 // How peers end: close handlers, the last bytes, and peers that vanish.
-#include <sys/resource.h>
+#include <stdio_ext.h>
 
 #include "peer_support.h"
 
@@ -282,8 +282,14 @@ TEST_F(EndingTest, WhatCameInBeforeAFailedWriteIsStillRead) {
   ZelPeer* peer = makePeer(&other_);
   onClose(peer);
   std::string got;
+  int refused = 0;
   probe_.on(peer, PEER_EVENT_DATA, [&](ZelPeer* one) {
+    FILE* out = peer_outStream(one, PEER_STREAM_BUFFERED);
     got += static_cast<char>(fgetc(peer_inStream(one)));  // slowly
+    EXPECT_EQ(__fpending(out), 0u);
+    fputs("answer", out);
+    refused += fflush(out) == EOF && errno == EPIPE;
+    fputs("left in the buffer", out);
     return true;
   });
   sendText(other_, "too large");
@@ -291,6 +297,7 @@ TEST_F(EndingTest, WhatCameInBeforeAFailedWriteIsStillRead) {
   fputs("a long request", peer_outStream(peer, PEER_STREAM_BUFFERED));
   ASSERT_TRUE(until([&] { return ended(); }));
   EXPECT_EQ(got, "too large");
+  EXPECT_EQ(refused, 9);
 }
 
 TEST_F(EndingTest, UnreadInputDoesNotResetTheReplyAway) {
@@ -348,6 +355,31 @@ TEST_F(EndingTest, WithoutOutputTheSocketGoesAtOnce) {
   EXPECT_EQ(openDescriptors().size(), open - 1);
 }
 
+TEST_F(EndingTest, TheNumberOfTheSocketMayBeUsedAgainAtOnce) {
+  const std::function<void()> betweens[] = {[] {}, [] { zel_loop_turn(0); }};
+  for (const auto& between : betweens) {
+    Descriptor otherB;
+    ZelPeer* peer = makePeer(&other_);
+    zel_loop_turn(0);
+    const int number = peer_socket(peer);
+    shutdown(other_.get(), SHUT_WR);
+    char byte;
+    EXPECT_EQ(peer_peek(peer, &byte, 1), 0);
+    peer_destroy(peer);
+    between();
+    ZelPeer* next = makePeer(&otherB);
+    EXPECT_EQ(peer_socket(next), number);
+    Probe probe;
+    probe.on(next, PEER_EVENT_DATA, [](ZelPeer* one) { return readAll(peer_inStream(one)) == "x"; });
+    zel_loop_turn(0);
+    zel_loop_turn(0);
+    sendText(otherB, "x");
+    ASSERT_TRUE(until([&] { return probe.count(PEER_EVENT_DATA) == 1; }));
+    EXPECT_EQ(living(), 1u);
+    peer_destroy(next);
+  }
+}
+
 TEST_F(EndingTest, ATalkativeOtherSideIsCutOff) {
   ZelPeer* peer = makeTcpPeer(&other_);
   fputs("bye", peer_outStream(peer, PEER_STREAM_BUFFERED));
@@ -363,6 +395,7 @@ TEST_F(EndingTest, ATalkativeOtherSideIsCutOff) {
     return false;
   }));
   EXPECT_GE(sent, 256u * 1024);
+  EXPECT_LE(sent, 32u << 20) << "what the system keeps included";
 }
 
 TEST_F(EndingTest, QueuedOutputLeavesInTheBackground) {
@@ -417,7 +450,9 @@ TEST_F(EndingTest, LingeringDoesNotKeepTheLoopRunning) {
   ZelPeer* peer = makeTcpPeer(&other_);
   fputs("bye", peer_outStream(peer, PEER_STREAM_BUFFERED));
   peer_destroy(peer);
+  const size_t open = openDescriptors().size();
   EXPECT_EQ(zel_loop_run(), 0);
+  EXPECT_EQ(openDescriptors().size(), open) << "it lingers still";
   EXPECT_EQ(received(other_), "bye<end>");
 }
 

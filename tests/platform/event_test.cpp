@@ -98,6 +98,24 @@ TEST_F(EventTest, PushedBackBytesCountAsBuffered) {
   ASSERT_TRUE(until([&] { return read_ == "more"; }));
 }
 
+TEST_F(EventTest, BytesBehindPushedBackOnesCountAsBuffered) {
+  ZelPeer* peer = makePeer(&other_);
+  probe_.on(peer, PEER_EVENT_DATA, [&](ZelPeer* one) {
+    FILE* in = peer_inStream(one);
+    read_ += static_cast<char>(fgetc(in));
+    ungetc('z', in);
+    EXPECT_EQ(fgetc(in), 'z');  // what is left lies where stdio does not look yet
+    return true;
+  });
+  for (const std::string text : {"abc", "d", "efg", "h"}) {
+    read_.clear();
+    sendText(other_, text);
+    ASSERT_TRUE(until([&] { return read_ == text; })) << read_;
+    settle();
+  }
+  EXPECT_EQ(probe_.count(PEER_EVENT_DATA), 8u);
+}
+
 TEST_F(EventTest, AHandlerInstalledAfterTheEndIsTold) {
   ZelPeer* peer = makePeer(&other_);
   probe_.on(peer, PEER_EVENT_DATA, reading());

@@ -13,6 +13,7 @@ TEST_F(LoopOnlyTest, RunReturnsWhenNothingIsLeft) {
   EXPECT_EQ(zel_loop_run(), 0);
   EXPECT_FALSE(zel_loop_turn(-1));
   EXPECT_FALSE(zel_loop_turn(0));
+  EXPECT_EQ(zel_loop_timeout(), -1);
   ZelPeer* peer = makePeer(&other_);
   EXPECT_TRUE(zel_loop_turn(0)) << "it could vanish";
   peer_destroy(peer);

@@ -1,3 +1,5 @@
+#include <ctime>
+
 #include "peer_support.h"
 
 namespace {
@@ -116,6 +118,44 @@ TEST_F(TimerTest, ATimerThatRestartsAtOnceDoesNotStarvePeers) {
   sendText(other_, "x");
   zel_loop_run();
   EXPECT_LT(fired_, 10);
+  zel_timer_destroy(timer);
+}
+
+TEST_F(TimerTest, ZeroIsTheNextTurnForHandlersOfTimersToo) {
+  Handler second = [&](ZelTimer*) { ++fired_; };
+  ZelTimer* next = make(&second);
+  bool rang = false;
+  Handler first = [&](ZelTimer*) { rang = zel_timer_start(next, 0); };
+  ZelTimer* timer = make(&first);
+  makePeer(&other_);
+  settle();  // nothing else is to be done
+  zel_timer_start(timer, 1);
+  while (zel_loop_timeout() > 0) usleep(1000);  // due before the turn begins
+  zel_loop_turn(0);
+  EXPECT_TRUE(rang);
+  EXPECT_EQ(fired_, 0);
+  zel_loop_turn(0);
+  EXPECT_EQ(fired_, 1);
+  zel_timer_destroy(timer);
+  zel_timer_destroy(next);
+}
+
+TEST_F(TimerTest, TimeCountsFromTheCall) {
+  const auto now = [] {
+    timespec time;
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return time.tv_sec * 1000 + time.tv_nsec / 1000000;
+  };
+  Handler handler = [](ZelTimer*) {};
+  ZelTimer* timer = make(&handler);
+  makePeer(&other_);
+  settle();
+  usleep(100000);  // the loop's own clock stands still
+  const long before = now();
+  zel_timer_start(timer, 100000);
+  const int left = zel_loop_timeout();
+  EXPECT_GE(left, 100000 - (now() - before) - 10) << "give or take a tick of the clock";
+  EXPECT_LE(left, 100000);
   zel_timer_destroy(timer);
 }
 

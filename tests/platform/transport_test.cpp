@@ -11,6 +11,7 @@ struct Stutter {
   bool down = false;
   std::string held;  // taken from the socket, not yet given out
   size_t readPiece = SIZE_MAX;
+  bool atEnd = false;  // whatever the socket says
 };
 
 Stutter stutter;
@@ -29,7 +30,7 @@ void fillHeld(ZelPeer* peer) {
 ssize_t stutterPeek(ZelPeer* peer, void* buffer, size_t length) {
   stutter.afterEnd += stutter.down;
   if (stutter.held.empty()) fillHeld(peer);
-  if (stutter.held.empty()) return refuse(EAGAIN);
+  if (stutter.held.empty()) return stutter.atEnd ? 0 : refuse(EAGAIN);
   const size_t count = std::min({length, stutter.readPiece, stutter.held.size()});
   memcpy(buffer, stutter.held.data(), count);
   return static_cast<ssize_t>(count);
@@ -88,7 +89,11 @@ TEST_P(TransportWriteTest, EveryByteArrivesOnce) {
     return true;
   });
   const std::string sent = pattern(GetParam().length);
-  EXPECT_EQ(fwrite(sent.data(), 1, sent.size(), peer_outStream(peer, PEER_STREAM_CURRENT)), sent.size());
+  for (const size_t third : {0, 1, 2}) {
+    const size_t from = sent.size() * third / 3;
+    const size_t length = sent.size() * (third + 1) / 3 - from;
+    EXPECT_EQ(fwrite(sent.data() + from, 1, length, peer_outStream(peer, PEER_STREAM_CURRENT)), length);
+  }
   std::string got;
   ASSERT_TRUE(until([&] {
     got += received(other_);
@@ -133,6 +138,25 @@ TEST_F(TransportTest, BytesThatTheTransportHoldsWaitForAHandler) {
   });
   ASSERT_TRUE(until([&] { return !got.empty(); }));
   EXPECT_EQ(got, "from the handshake");
+}
+
+TEST_F(TransportTest, TheEndThatOnlyTheTransportSawIsToldAgain) {
+  ZelPeer* peer = makePeer(&other_);
+  peer_setTransport(peer, &kStutter);
+  int ends = 0;
+  const Probe::Handler onData = [&](ZelPeer* one) {
+    stutter.atEnd = true;
+    readAll(peer_inStream(one));
+    ends += feof(peer_inStream(one)) != 0;
+    probe_.off(one, PEER_EVENT_DATA);
+    return true;
+  };
+  probe_.on(peer, PEER_EVENT_DATA, onData);
+  sendText(other_, "x");
+  ASSERT_TRUE(until([&] { return ends == 1; }));
+  settle();
+  probe_.on(peer, PEER_EVENT_DATA, onData);
+  ASSERT_TRUE(until([&] { return ends == 2; }));
 }
 
 TEST_F(TransportTest, IsNotUsedAfterTheLastCloseHandler) {

@@ -114,7 +114,8 @@ class TraceCapture {
   TraceCapture(const TraceCapture&) = delete;
   TraceCapture& operator=(const TraceCapture&) = delete;
 
-  // Shows the lines of zone up to level; a negative level hides them.
+  // Shows the lines of zone up to level; a negative level hides them. Name each zone: one that was named once no longer
+  // follows "*".
   void enable(const char* zone, int level = KROTRACE_INFO) {
     enabled_.emplace_back(zone);
     kroTraceEnable(zone, level);

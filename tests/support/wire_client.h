@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -137,6 +138,8 @@ class WireClient {
     // The connection is complete before it is accepted, so this does not wait for the loop.
     ASSERT_EQ(connect(socket_.get(), reinterpret_cast<sockaddr*>(&storage), length), 0) << strerror(errno);
     ASSERT_EQ(fcntl(socket_.get(), F_SETFL, O_NONBLOCK), 0);
+    const int on = 1;  // every piece leaves at once, none waits for an acknowledgement of the one before
+    if (address.path.empty()) setsockopt(socket_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
   }
   static socklen_t fill(const WireAddress& address, sockaddr_storage* storage) {
     if (!address.path.empty()) {
@@ -326,8 +329,8 @@ inline std::string chunked(std::string_view body, size_t chunk = SIZE_MAX) {
 // A folder that goes with the test, with all that is in it. Its path is resolved and has no dot in it.
 class TemporaryFolder {
  public:
-  TemporaryFolder() {
-    std::string name = "/tmp/krohttp-wire-XXXXXX";
+  explicit TemporaryFolder(const std::string& parent = "/tmp") {
+    std::string name = parent + "/krohttp-wire-XXXXXX";
     EXPECT_NE(mkdtemp(name.data()), nullptr) << strerror(errno);
     std::array<char, PATH_MAX> resolved;
     if (realpath(name.c_str(), resolved.data())) path_ = resolved.data();

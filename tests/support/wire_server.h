@@ -112,6 +112,7 @@ class WireServerTest : public ::testing::Test {
   BodyHandler onBody;            // keeps the body in body, and answers with it at its end
   ReplyDoneHandler onReplyDone;  // nothing
   ErrorHandler onError;          // nothing
+  std::function<void()> onStopped;
 
   std::vector<std::string> calls;
   std::string body;
@@ -153,7 +154,7 @@ class WireServerTest : public ::testing::Test {
 
   // Runs turns until condition holds; clients send and receive meanwhile. The bound is for tests that fail.
   template <typename Condition>
-  static bool until(Condition condition, int seconds = 30) {
+  static bool until(Condition condition, int seconds = 15) {
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     while (true) {
       WireClient::pumpAll();
@@ -257,7 +258,11 @@ class WireServerTest : public ::testing::Test {
     test->calls.emplace_back("error");
     if (test->onError) ErrorHandler(test->onError)(request, reply);
   }
-  static void handleStopped(HttpServer* server) { of(server)->calls.emplace_back("stopped"); }
+  static void handleStopped(HttpServer* server) {
+    WireServerTest* test = of(server);
+    test->calls.emplace_back("stopped");
+    if (test->onStopped) test->onStopped();
+  }
 
   Server server_ = {};
   ZelConnection* connection_ = nullptr;

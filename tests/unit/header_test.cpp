@@ -138,9 +138,9 @@ TEST(HeaderRegistry, OnlyHeadersWithParametersHaveSomethingToRelease) {
   }
 }
 
-class CodeOutside : public testing::TestWithParam<int> {};
+class HeaderCodeOutside : public testing::TestWithParam<int> {};
 
-TEST_P(CodeOutside, IsRefusedByTheFactory) {
+TEST_P(HeaderCodeOutside, IsRefusedByTheFactory) {
   HttpHeader header = {};
   header.code = GetParam();
   const TraceCapture trace;
@@ -152,7 +152,7 @@ TEST_P(CodeOutside, IsRefusedByTheFactory) {
   EXPECT_EQ(header.raw, nullptr);
 }
 
-TEST_P(CodeOutside, IsRefusedByTheSerializer) {
+TEST_P(HeaderCodeOutside, IsRefusedByTheSerializer) {
   Reply reply;
   HttpHeader header = {};
   header.code = GetParam();
@@ -165,7 +165,7 @@ TEST_P(CodeOutside, IsRefusedByTheSerializer) {
   free(header.raw);
 }
 
-TEST_P(CodeOutside, IsCleanedUpAllTheSame) {
+TEST_P(HeaderCodeOutside, IsCleanedUpAllTheSame) {
   HttpHeader header = {};
   header.code = GetParam();
   header.raw = strdup("text");
@@ -175,7 +175,7 @@ TEST_P(CodeOutside, IsCleanedUpAllTheSame) {
   EXPECT_EQ(header.raw, nullptr);
 }
 
-INSTANTIATE_TEST_SUITE_P(Codes, CodeOutside, testing::Values(-1, 53, 54, 255, 256, 52 + 256, INT_MAX, INT_MIN),
+INSTANTIATE_TEST_SUITE_P(Codes, HeaderCodeOutside, testing::Values(-1, 53, 54, 255, 256, 52 + 256, INT_MAX, INT_MIN),
                          [](const auto& row) {
                            std::string name = std::to_string(row.param);
                            if (name.front() == '-') name.front() = 'N';
@@ -366,9 +366,9 @@ constexpr LengthCase kLengths[] = {
     {"Fraction", "1.5", 1},
 };
 
-class ContentLength : public testing::TestWithParam<LengthCase> {};
+class ContentLengthHeader : public testing::TestWithParam<LengthCase> {};
 
-TEST_P(ContentLength, IsReadAndWrittenAsANumber) {
+TEST_P(ContentLengthHeader, IsReadAndWrittenAsANumber) {
   const TraceCapture trace;
   Header header(HTTP_HEADER_CONTENT_LENGTH, GetParam().text);
   EXPECT_EQ(header.result, 0);
@@ -378,7 +378,7 @@ TEST_P(ContentLength, IsReadAndWrittenAsANumber) {
   EXPECT_EQ(trace.said(), TraceLines{});
 }
 
-INSTANTIATE_TEST_SUITE_P(Texts, ContentLength, testing::ValuesIn(kLengths),
+INSTANTIATE_TEST_SUITE_P(Texts, ContentLengthHeader, testing::ValuesIn(kLengths),
                          [](const auto& row) { return row.param.name; });
 
 TEST(ContentLengthWriting, NeedsNoText) {
@@ -458,9 +458,9 @@ const TypeCase kTypes[] = {
     {"PercentSigns", "%s/%n; %d=%s", "%s", "%n", {{"%d", "%s"}}, "Content-Type: %s/%n; %d=%s"},
 };
 
-class ContentType : public testing::TestWithParam<TypeCase> {};
+class ContentTypeHeader : public testing::TestWithParam<TypeCase> {};
 
-TEST_P(ContentType, IsSplit) {
+TEST_P(ContentTypeHeader, IsSplit) {
   const TraceCapture trace;
   const Header header(HTTP_HEADER_CONTENT_TYPE, GetParam().text);
   EXPECT_EQ(header.result, 0);
@@ -470,7 +470,7 @@ TEST_P(ContentType, IsSplit) {
   EXPECT_EQ(trace.errors(), TraceLines{});
 }
 
-TEST_P(ContentType, IsWritten) {
+TEST_P(ContentTypeHeader, IsWritten) {
   const TraceCapture trace;
   Header header(HTTP_HEADER_CONTENT_TYPE, GetParam().text);
   EXPECT_EQ(written(&header.typed), GetParam().line);
@@ -478,7 +478,7 @@ TEST_P(ContentType, IsWritten) {
   EXPECT_EQ(trace.errors(), TraceLines{});
 }
 
-TEST_P(ContentType, HasEachParameterUnderItsName) {
+TEST_P(ContentTypeHeader, HasEachParameterUnderItsName) {
   const TraceCapture trace;
   const Header header(HTTP_HEADER_CONTENT_TYPE, GetParam().text);
   HttpHeaderParameter* const list = header.typed.contentType.parameters;
@@ -487,7 +487,8 @@ TEST_P(ContentType, HasEachParameterUnderItsName) {
   EXPECT_EQ(http_hdrGetParameter(list, "absent"), nullptr);
 }
 
-INSTANTIATE_TEST_SUITE_P(Texts, ContentType, testing::ValuesIn(kTypes), [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Texts, ContentTypeHeader, testing::ValuesIn(kTypes),
+                         [](const auto& row) { return row.param.name; });
 
 struct BadTypeCase {
   const char* name;
@@ -495,9 +496,9 @@ struct BadTypeCase {
   const char* trace;  // where it begins
 };
 
-class BadContentType : public testing::TestWithParam<BadTypeCase> {};
+class BadContentTypeHeader : public testing::TestWithParam<BadTypeCase> {};
 
-TEST_P(BadContentType, IsRefusedAndCleanedUp) {
+TEST_P(BadContentTypeHeader, IsRefusedAndCleanedUp) {
   const TraceCapture trace;
   const Header header(HTTP_HEADER_CONTENT_TYPE, GetParam().text);
   EXPECT_EQ(header.result, -1);
@@ -508,7 +509,7 @@ TEST_P(BadContentType, IsRefusedAndCleanedUp) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Texts, BadContentType,
+    Texts, BadContentTypeHeader,
     testing::Values(BadTypeCase{"NoSlash", "text", "http-he[x]unable to parse content type text"},
                     BadTypeCase{"NoSlashButParameters", "text; a=1",
                                 "http-he[x]unable to parse content type text; a=1"},
@@ -602,9 +603,9 @@ const DispositionCase kDispositions[] = {
     {"PercentSigns", "%s; %n=%d", "%s", {{"%n", "%d"}}, "Content-Disposition: %s; %n=%d"},
 };
 
-class ContentDisposition : public testing::TestWithParam<DispositionCase> {};
+class ContentDispositionHeader : public testing::TestWithParam<DispositionCase> {};
 
-TEST_P(ContentDisposition, IsSplitAndWritten) {
+TEST_P(ContentDispositionHeader, IsSplitAndWritten) {
   const TraceCapture trace;
   Header header(HTTP_HEADER_CONTENT_DISPOSITION, GetParam().text);
   EXPECT_EQ(header.result, 0);
@@ -615,7 +616,7 @@ TEST_P(ContentDisposition, IsSplitAndWritten) {
   EXPECT_EQ(written(&header.typed), GetParam().line);
 }
 
-INSTANTIATE_TEST_SUITE_P(Texts, ContentDisposition, testing::ValuesIn(kDispositions),
+INSTANTIATE_TEST_SUITE_P(Texts, ContentDispositionHeader, testing::ValuesIn(kDispositions),
                          [](const auto& row) { return row.param.name; });
 
 TEST(ContentDispositionText, WithALoneSemicolonIsRefused) {
@@ -720,9 +721,9 @@ constexpr ConnectionCase kConnections[] = {
     {"OnlyCommas", ",,,", 0},
 };
 
-class Connection : public testing::TestWithParam<ConnectionCase> {};
+class ConnectionHeader : public testing::TestWithParam<ConnectionCase> {};
 
-TEST_P(Connection, SetsItsFlags) {
+TEST_P(ConnectionHeader, SetsItsFlags) {
   const TraceCapture trace;
   const Header header(HTTP_HEADER_CONNECTION, GetParam().text);
   EXPECT_EQ(header.result, 0);
@@ -730,7 +731,7 @@ TEST_P(Connection, SetsItsFlags) {
   EXPECT_EQ(trace.said(), TraceLines{});
 }
 
-INSTANTIATE_TEST_SUITE_P(Texts, Connection, testing::ValuesIn(kConnections),
+INSTANTIATE_TEST_SUITE_P(Texts, ConnectionHeader, testing::ValuesIn(kConnections),
                          [](const auto& row) { return row.param.name; });
 
 struct WrittenConnectionCase {
@@ -750,9 +751,9 @@ constexpr WrittenConnectionCase kWrittenConnections[] = {
     {"OtherBitsAreIgnored", 0xfffffff8U | 1U, "close"},
 };
 
-class WrittenConnection : public testing::TestWithParam<WrittenConnectionCase> {};
+class WrittenConnectionHeader : public testing::TestWithParam<WrittenConnectionCase> {};
 
-TEST_P(WrittenConnection, HasItsSeparators) {
+TEST_P(WrittenConnectionHeader, HasItsSeparators) {
   HttpHeader header = {};
   header.code = HTTP_HEADER_CONNECTION;
   header.connection.flags = GetParam().flags;
@@ -761,7 +762,7 @@ TEST_P(WrittenConnection, HasItsSeparators) {
   EXPECT_EQ(trace.said(), TraceLines{});
 }
 
-INSTANTIATE_TEST_SUITE_P(Flags, WrittenConnection, testing::ValuesIn(kWrittenConnections),
+INSTANTIATE_TEST_SUITE_P(Flags, WrittenConnectionHeader, testing::ValuesIn(kWrittenConnections),
                          [](const auto& row) { return row.param.name; });
 
 TEST(ConnectionWriting, WithoutFlagsIsRefused) {
@@ -793,9 +794,9 @@ constexpr EncodingCase kEncodings[] = {
     {"Identity", "identity", false},     {"Empty", "", false},
 };
 
-class TransferEncoding : public testing::TestWithParam<EncodingCase> {};
+class TransferEncodingHeader : public testing::TestWithParam<EncodingCase> {};
 
-TEST_P(TransferEncoding, IsChunkedOrUnknown) {
+TEST_P(TransferEncodingHeader, IsChunkedOrUnknown) {
   const TraceCapture trace;
   HttpHeader header = {};
   header.code = HTTP_HEADER_TRANSFER_ENCODING;
@@ -807,7 +808,7 @@ TEST_P(TransferEncoding, IsChunkedOrUnknown) {
   http_hdrCleanup(&header);
 }
 
-TEST_P(TransferEncoding, IsWrittenOnlyWhenChunked) {
+TEST_P(TransferEncodingHeader, IsWrittenOnlyWhenChunked) {
   TraceCapture trace;
   Header header(HTTP_HEADER_TRANSFER_ENCODING, GetParam().text);
   trace.clear();
@@ -815,7 +816,7 @@ TEST_P(TransferEncoding, IsWrittenOnlyWhenChunked) {
   EXPECT_EQ(trace.said(), GetParam().chunked ? TraceLines{} : TraceLines({"http-he[x]unknown message encoding"}));
 }
 
-INSTANTIATE_TEST_SUITE_P(Texts, TransferEncoding, testing::ValuesIn(kEncodings),
+INSTANTIATE_TEST_SUITE_P(Texts, TransferEncodingHeader, testing::ValuesIn(kEncodings),
                          [](const auto& row) { return row.param.name; });
 
 // ---- through a message and back ------------------------------------------------------------------------------------

@@ -307,6 +307,62 @@ TEST_F(MessageHeaders, ALongValueGrowsTheBuffer) {
   EXPECT_STREQ(reply_->reason, "OK");
 }
 
+// Short and long values may take different ways into the buffer.
+TEST_F(MessageHeaders, ValuesOfEveryLengthAreExact) {
+  std::vector<std::string> expected;
+  std::string wire;
+  for (size_t length = 1; length < 300; ++length) {
+    std::string value(length, ' ');
+    for (size_t at = 0; at < length; ++at) value[at] = static_cast<char>('!' + (at * 7 + length) % 90);
+    ASSERT_EQ(http_msgHeaderValueSet(message_, "X-Text", "%s", value.c_str()), 0);
+    ASSERT_EQ(http_msgHeaderValueSet(message_, "X-Formatted", "%s!", value.c_str()), 0);
+    ASSERT_EQ(http_msgHeaderValueSet(message_, "a%%b", "%s?", value.c_str()), 0);
+    ASSERT_EQ(http_msgHeaderValueSet(message_, "Server", "%d%s", 7, value.c_str()), 0);
+    expected.insert(expected.end(),
+                    {"X-Text=" + value, "X-Formatted=" + value + "!", "a%b=" + value + "?", "Server=7" + value});
+    wire += "X-Text: " + value + "\r\nX-Formatted: " + value + "!\r\na%b: " + value + "?\r\nServer: 7" + value + "\r\n";
+  }
+  EXPECT_EQ(headersOf(message_), expected);
+  ASSERT_EQ(msg_headersSend(message_), 0);
+  EXPECT_EQ(output_.text(), wire + "\r\n");
+}
+
+// What a caller passes on from the message itself is read before the buffer moves.
+TEST_F(MessageHeaders, ANameOfTheMessageItself) {
+  for (size_t length = 1; length <= 1200; length += length < 440 || length > 560 ? 37 : 1) {
+    SCOPED_TRACE(length);
+    http_msgReset(message_);
+    http_msgHeadersReset(message_);
+    const std::string value(length, 'v');
+    ASSERT_EQ(http_msgHeaderValueSet(message_, "X-Own-Name", "%s", value.c_str()), 0);
+    for (int round = 0; round < 3; ++round) {
+      http_msgHeadersReset(message_);
+      const char* name = nullptr;
+      const char* own = nullptr;
+      ASSERT_EQ(http_msgHeadersNext(message_, &name, &own), 0);
+      ASSERT_EQ(http_msgHeaderValueSet(message_, name, "%s", value.c_str()), 0);
+    }
+    const std::string header = "X-Own-Name=" + value;
+    ASSERT_EQ(headersOf(message_), std::vector<std::string>({header, header, header, header}));
+  }
+}
+
+TEST_F(MessageHeaders, AValueOfTheMessageItself) {
+  for (size_t length = 1; length <= 1200; length += length < 440 || length > 560 ? 37 : 1) {
+    SCOPED_TRACE(length);
+    http_msgReset(message_);
+    http_msgHeadersReset(message_);
+    const std::string value(length, 'v');
+    ASSERT_EQ(http_msgHeaderValueSet(message_, "X", "%s", value.c_str()), 0);
+    for (int round = 0; round < 3; ++round) {
+      ASSERT_EQ(http_msgHeaderValueSet(message_, "X", "%s", http_msgHeaderValue(message_, "X")), 0);
+      ASSERT_EQ(http_msgHeaderValueSet(message_, "X", "%s%s", http_msgHeaderValue(message_, "X"), ""), 0);
+      ASSERT_EQ(msg_setHeaderLine(message_, "X: %s", http_msgHeaderValue(message_, "X")), 0);
+    }
+    ASSERT_EQ(headersOf(message_), std::vector<std::string>(10, "X=" + value));
+  }
+}
+
 TEST_F(MessageHeaders, AnEmptyValueIsRefusedUnlessAllowed) {
   add("A: 1");
   TraceCapture trace;
@@ -374,6 +430,38 @@ TEST_F(MessageHeaders, SendWithoutAnyWritesTheBlankLine) {
   EXPECT_EQ(msg_headersSend(message_), 0);
   EXPECT_EQ(output_.text(), "\r\n");
   EXPECT_EQ(message_->state, 2);
+}
+
+TEST(MessageHeadersSend, HeadersOfAnySize) {
+  for (size_t length = 1; length < 3100; length += length % 1024 < 8 || length % 1024 > 990 ? 1 : 61) {
+    SCOPED_TRACE(length);
+    ScriptOutput output;
+    const ReplyPtr reply = outgoing(output.stream());
+    const std::string value(length, 'v');
+    ASSERT_EQ(http_msgHeaderValueSet(&reply->message, "A", "1"), 0);
+    ASSERT_EQ(http_msgHeaderValueSet(&reply->message, "X-Long", "%s", value.c_str()), 0);
+    ASSERT_EQ(http_msgHeaderValueSet(&reply->message, "Via", "2"), 0);
+    ASSERT_EQ(msg_headersSend(&reply->message), 0);
+    EXPECT_EQ(output.bytes(), "A: 1\r\nX-Long: " + value + "\r\nVia: 2\r\n\r\n");
+  }
+}
+
+TEST(MessageHeadersSend, FailsInALongHeadToo) {
+  const std::string value(2500, 'v');
+  const std::string wire = "A: 1\r\nX-Long: " + value + "\r\nVia: 2\r\n\r\n";
+  for (size_t at = 0; at < wire.size(); at += 97) {
+    SCOPED_TRACE(at);
+    ScriptOutput output;
+    output.unbuffered().refuseAt(at, EIO);
+    const ReplyPtr reply = outgoing(output.stream());
+    ASSERT_EQ(http_msgHeaderValueSet(&reply->message, "A", "1"), 0);
+    ASSERT_EQ(http_msgHeaderValueSet(&reply->message, "X-Long", "%s", value.c_str()), 0);
+    ASSERT_EQ(http_msgHeaderValueSet(&reply->message, "Via", "2"), 0);
+    TraceCapture trace;
+    EXPECT_EQ(msg_headersSend(&reply->message), -1);
+    EXPECT_EQ(trace.said(), TraceLines({"http-me[x]unable to send message headers: Input/output error"}));
+    EXPECT_EQ(output.bytes(), wire.substr(0, at));
+  }
 }
 
 TEST(MessageHeadersSend, FlushesTheStream) {

@@ -517,16 +517,16 @@ constexpr DateCase kDates[] = {
     {"TwoDigitsAreTheYear", "Sun, 15-Nov-26 06:09:59 GMT", -61319181001},
 };
 
-class Date : public testing::TestWithParam<DateCase> {};
+class CookieDate : public testing::TestWithParam<DateCase> {};
 
-TEST_P(Date, IsReadWithoutATrace) {
+TEST_P(CookieDate, IsReadWithoutATrace) {
   const LocalZone zone("UTC0");
   TraceCapture trace{"http"};
   EXPECT_EQ(prot_parseDate(GetParam().text), GetParam().date);
   EXPECT_EQ(trace.said(), TraceLines{});
 }
 
-TEST_P(Date, IsTakenAsLocalTime) {
+TEST_P(CookieDate, IsTakenAsLocalTime) {
   {
     const LocalZone east("KRO-3");
     EXPECT_EQ(prot_parseDate(GetParam().text), GetParam().date - 3 * 3600);
@@ -535,7 +535,7 @@ TEST_P(Date, IsTakenAsLocalTime) {
   EXPECT_EQ(prot_parseDate(GetParam().text), GetParam().date + 4 * 3600 + 1800);
 }
 
-INSTANTIATE_TEST_SUITE_P(Texts, Date, testing::ValuesIn(kDates), [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Texts, CookieDate, testing::ValuesIn(kDates), [](const auto& row) { return row.param.name; });
 
 struct BadDateCase {
   const char* name;
@@ -560,15 +560,16 @@ constexpr BadDateCase kBadDates[] = {
     {"PercentSigns", "%s%s%n, 15-Nov-2026"},
 };
 
-class BadDate : public testing::TestWithParam<BadDateCase> {};
+class BadCookieDate : public testing::TestWithParam<BadDateCase> {};
 
-TEST_P(BadDate, IsRefusedWithOneTrace) {
+TEST_P(BadCookieDate, IsRefusedWithOneTrace) {
   TraceCapture trace{"http"};
   EXPECT_EQ(prot_parseDate(GetParam().text), -1);
   EXPECT_EQ(trace.said(), TraceLines({std::string("http[x]unable to parse date ") + GetParam().text}));
 }
 
-INSTANTIATE_TEST_SUITE_P(Texts, BadDate, testing::ValuesIn(kBadDates), [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Texts, BadCookieDate, testing::ValuesIn(kBadDates),
+                         [](const auto& row) { return row.param.name; });
 
 // The daylight-saving flag is ours to choose, but the result may not depend on what the stack held.
 TEST(DateParsing, ASummerDateHasOneMeaning) {
@@ -624,9 +625,9 @@ constexpr WrittenDateCase kWrittenDates[] = {
     {"FiveDigits", 253402300800, "Sat, 01-Jan-10000 00:00:00 GMT"},
 };
 
-class WrittenDate : public testing::TestWithParam<WrittenDateCase> {};
+class WrittenCookieDate : public testing::TestWithParam<WrittenDateCase> {};
 
-TEST_P(WrittenDate, IsInGmtWhateverTheLocalZone) {
+TEST_P(WrittenCookieDate, IsInGmtWhateverTheLocalZone) {
   for (const char* local : {"UTC0", "KRO-3", "KRO4:30", "CET-1CEST,M3.5.0,M10.5.0/3"}) {
     const LocalZone zone(local);
     TraceCapture trace{"http"};
@@ -637,7 +638,7 @@ TEST_P(WrittenDate, IsInGmtWhateverTheLocalZone) {
   }
 }
 
-TEST_P(WrittenDate, GoesOntoAStreamAsItIs) {
+TEST_P(WrittenCookieDate, GoesOntoAStreamAsItIs) {
   const LocalZone zone("KRO-3");
   char* text = nullptr;
   size_t length = 0;
@@ -649,7 +650,7 @@ TEST_P(WrittenDate, GoesOntoAStreamAsItIs) {
   free(text);
 }
 
-TEST_P(WrittenDate, FitsExactlyWithItsNul) {
+TEST_P(WrittenCookieDate, FitsExactlyWithItsNul) {
   const size_t length = strlen(GetParam().text);
   const std::unique_ptr<char[]> exact(new char[length + 1]);
   EXPECT_EQ(prot_serializeDate(GetParam().date, exact.get(), length + 1), 0);
@@ -662,7 +663,7 @@ TEST_P(WrittenDate, FitsExactlyWithItsNul) {
   EXPECT_EQ(trace.countStarting("http[x]unable to serialize date: "), 1U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Dates, WrittenDate, testing::ValuesIn(kWrittenDates),
+INSTANTIATE_TEST_SUITE_P(Dates, WrittenCookieDate, testing::ValuesIn(kWrittenDates),
                          [](const auto& row) { return row.param.name; });
 
 struct DateSpaceCase {
@@ -670,9 +671,9 @@ struct DateSpaceCase {
   int result;
 };
 
-class DateSpace : public testing::TestWithParam<DateSpaceCase> {};
+class CookieDateSpace : public testing::TestWithParam<DateSpaceCase> {};
 
-TEST_P(DateSpace, IsNeverOverrun) {
+TEST_P(CookieDateSpace, IsNeverOverrun) {
   const size_t size = GetParam().size;
   TraceCapture trace{"http"};
   std::vector<char> buffer(size + 64, '~');
@@ -682,7 +683,7 @@ TEST_P(DateSpace, IsNeverOverrun) {
   EXPECT_EQ(trace.countStarting("http[x]unable to serialize date: "), trace.lines().size());
 }
 
-INSTANTIATE_TEST_SUITE_P(Sizes, DateSpace,
+INSTANTIATE_TEST_SUITE_P(Sizes, CookieDateSpace,
                          testing::Values(DateSpaceCase{0, -1}, DateSpaceCase{1, -1}, DateSpaceCase{10, -1},
                                          DateSpaceCase{29, -1}, DateSpaceCase{30, 0}, DateSpaceCase{31, 0}),
                          [](const auto& row) { return "Bytes" + std::to_string(row.param.size); });

@@ -152,24 +152,53 @@ TEST_P(ReplyStatus, IsSetAndSent) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, ReplyStatus,
-    ::testing::Values(StatusCase{"Standard", 200, nullptr, "OK"},
-                      StatusCase{"StandardOfTwoWords", 404, nullptr, "Not Found"},
-                      StatusCase{"StandardAsItIsSpelled", 415, nullptr, "Unnsuported Media Type"},
-                      StatusCase{"First", 100, nullptr, "Continue"},
-                      StatusCase{"Last", 505, nullptr, "HTTP Version Not Supported"},
-                      StatusCase{"WithoutPhrase", 306, nullptr, "Unknown"},
-                      StatusCase{"BehindTheFirstClass", 199, nullptr, "Unknown"},
-                      StatusCase{"TooManyRequests", 429, nullptr, "Unknown"},
-                      StatusCase{"HeaderFieldsTooLarge", 431, nullptr, "Unknown"},
-                      StatusCase{"LegalReasons", 451, nullptr, "Unknown"},
-                      StatusCase{"BehindTheLastClass", 599, nullptr, "Unknown"},
-                      StatusCase{"OfANeighbour", 418, nullptr, "Internal Server Error"},
-                      StatusCase{"OfNoClass", 600, nullptr, "Continue"},
-                      StatusCase{"OwnReason", 200, "Fine By Me", "Fine By Me"},
-                      StatusCase{"OwnReasonWithoutPhrase", 429, "Too Many", "Too Many"},
-                      StatusCase{"EmptyReason", 200, "", ""}, StatusCase{"ReasonIsNoFormat", 200, "100%s %n", "100%s %n"},
-                      StatusCase{"LongCode", 12345, "Odd", "Odd"}),
+    ::testing::Values(
+        StatusCase{"Standard", 200, nullptr, "OK"}, StatusCase{"StandardOfTwoWords", 404, nullptr, "Not Found"},
+        StatusCase{"StandardAsItIsSpelled", 415, nullptr, "Unnsuported Media Type"},
+        StatusCase{"First", 100, nullptr, "Continue"}, StatusCase{"Last", 505, nullptr, "HTTP Version Not Supported"},
+        StatusCase{"WithoutPhrase", 306, nullptr, "Unknown"},
+        StatusCase{"BehindTheFirstClass", 199, nullptr, "Unknown"},
+        StatusCase{"TooManyRequests", 429, nullptr, "Unknown"},
+        StatusCase{"HeaderFieldsTooLarge", 431, nullptr, "Unknown"},
+        StatusCase{"LegalReasons", 451, nullptr, "Unknown"}, StatusCase{"BehindTheLastClass", 599, nullptr, "Unknown"},
+        StatusCase{"OfANeighbour", 418, nullptr, "Internal Server Error"},
+        StatusCase{"OfNoClass", 600, nullptr, "Continue"}, StatusCase{"OwnReason", 200, "Fine By Me", "Fine By Me"},
+        StatusCase{"OwnReasonWithoutPhrase", 429, "Too Many", "Too Many"}, StatusCase{"EmptyReason", 200, "", ""},
+        StatusCase{"ReasonIsNoFormat", 200, "100%s %n", "100%s %n"}, StatusCase{"LongCode", 12345, "Odd", "Odd"}),
     [](const auto& row) { return row.param.name; });
+
+TEST(ReplyStatusCodeSet, ReasonsOfEveryLength) {
+  for (size_t length = 0; length < 1100; length += length < 280 || length > 480 ? 1 : 13) {
+    SCOPED_TRACE(length);
+    const std::string reason(length, 'r');
+    for (const bool behindHeaders : {false, true}) {
+      ScriptOutput output;
+      const ReplyPtr reply = outgoing(output.stream());
+      if (behindHeaders) {
+        ASSERT_EQ(http_replyHeaderValueSet(reply.get(), "A", "1"), 0);
+      }
+      ASSERT_EQ(http_replyStatusCodeSet(reply.get(), 200, reason.c_str()), 0);
+      ASSERT_EQ(http_replyHeaderValueSet(reply.get(), "B", "2"), 0);
+      EXPECT_EQ(reply->reason, reason);
+      ASSERT_EQ(http_replySend(reply.get()), 0);
+      EXPECT_EQ(output.bytes(), "HTTP/1.1 200 " + reason + (behindHeaders ? "\r\nA: 1" : "") + "\r\nB: 2\r\n\r\n");
+    }
+  }
+}
+
+TEST(ReplyStatusCodeSet, NumbersOfEveryLength) {
+  for (const unsigned code : {1u, 10u, 99u, 100u, 1000u, 65536u, 2147483647u}) {
+    for (const uint8_t version : {uint8_t{1}, uint8_t{10}, uint8_t{255}}) {
+      ScriptOutput output;
+      const ReplyPtr reply = outgoing(output.stream());
+      http_replyVersionSet(reply.get(), version, static_cast<uint8_t>(version - 1));
+      ASSERT_EQ(http_replyStatusCodeSet(reply.get(), code, "R"), 0);
+      ASSERT_EQ(http_replySend(reply.get()), 0);
+      EXPECT_EQ(output.bytes(), "HTTP/" + std::to_string(version) + "." + std::to_string(version - 1) + " " +
+                                    std::to_string(code) + " R\r\n\r\n");
+    }
+  }
+}
 
 TEST(ReplyStatusCodeSet, UsesTheVersion) {
   ScriptOutput output;
@@ -381,12 +410,11 @@ INSTANTIATE_TEST_SUITE_P(
 INSTANTIATE_TEST_SUITE_P(
     WithBody, ReplyCanned,
     ::testing::Values(
-        CannedCase{"Formatted",
-                   [](HttpReply* reply) {
-                     return http_replyWithDefaultAndBody(reply, 403, "<p>%s %d%%</p>", "not%s", 7);
-                   },
-                   "HTTP/1.1 403 Forbidden\r\n" + kCannedHeaders + "\r\n" +
-                       chunk(headline(403, "Forbidden") + "<p>not%s 7%</p></body></html>\n") + "0\r\n\r\n"},
+        CannedCase{
+            "Formatted",
+            [](HttpReply* reply) { return http_replyWithDefaultAndBody(reply, 403, "<p>%s %d%%</p>", "not%s", 7); },
+            "HTTP/1.1 403 Forbidden\r\n" + kCannedHeaders + "\r\n" +
+                chunk(headline(403, "Forbidden") + "<p>not%s 7%</p></body></html>\n") + "0\r\n\r\n"},
         CannedCase{"Empty", [](HttpReply* reply) { return http_replyWithDefaultAndBody(reply, 403, "%s", ""); },
                    "HTTP/1.1 403 Forbidden\r\n" + kCannedHeaders + "\r\n" +
                        chunk(headline(403, "Forbidden") + "</body></html>\n") + "0\r\n\r\n"},
@@ -412,34 +440,32 @@ CannedCase redirectCase(const char* name, const std::string& location, const std
 
 INSTANTIATE_TEST_SUITE_P(
     Redirect, ReplyCanned,
-    ::testing::Values(CannedCase{"FoundLiterally",
-                                 [](HttpReply* reply) { return http_replyWithRedirect(reply, 302, "/login?x=%d", 1); },
-                                 "HTTP/1.1 302 Found\r\n"
-                                 "TE: chunked\r\n"
-                                 "Transfer-Encoding: chunked\r\n"
-                                 "Content-Type: text/html\r\n"
-                                 "Location: /login?x=1\r\n"
-                                 "Cache-Control: no-cache\r\n"
-                                 "\r\n"
-                                 "8D\r\n"
-                                 "<html><head><title>Found</title></head><body><h1>302 - Found</h1>"
-                                 "<p>This page has moved to <a href=\"/login?x=1\">/login?x=1</a></body></html>\n\r\n"
-                                 "0\r\n"
-                                 "\r\n"},
-                      CannedCase{"WithoutPhrase",
-                                 [](HttpReply* reply) { return http_replyWithRedirect(reply, 306, "/a"); },
-                                 redirectPage(306, "Unknown", "/a", "/a")},
-                      redirectCase("PercentTwice", "/a%%b", "/a%b"),
-                      redirectCase("PercentFourTimes", "/%%%%b", "/%%b"),
-                      redirectCase("Escaped", "/a%20b", "/a%20b"), redirectCase("EscapedSlash", "/a%2Fb%2fc", "/a%2Fb%2fc"),
-                      redirectCase("Text", "/%s", "/%s"), redirectCase("Count", "/%n%hhn", "/%n%hhn"),
-                      redirectCase("Width", "/%*d", "/%*d"), redirectCase("Precision", "/%.*f", "/%.*f"),
-                      redirectCase("HugeWidth", "/%2000000000d", "/%2000000000d"),
-                      redirectCase("Trailing", "/100%", "/100%"), redirectCase("TrailingWidth", "/100%5", "/100%5"),
-                      redirectCase("TrailingFlag", "/100%-", "/100%-"),
-                      redirectCase("TwiceAndText", "/%%%s", "/%%s"), redirectCase("TextAndTwice", "/%s%%", "/%s%"),
-                      redirectCase("ManyOfAll", "/%d%x%p%c%%%ld%lld%zu%e%", "/%d%x%p%c%%ld%lld%zu%e%"),
-                      redirectCase("Long", "/" + std::string(3000, 'l') + "%%", "/" + std::string(3000, 'l') + "%")),
+    ::testing::Values(
+        CannedCase{"FoundLiterally",
+                   [](HttpReply* reply) { return http_replyWithRedirect(reply, 302, "/login?x=%d", 1); },
+                   "HTTP/1.1 302 Found\r\n"
+                   "TE: chunked\r\n"
+                   "Transfer-Encoding: chunked\r\n"
+                   "Content-Type: text/html\r\n"
+                   "Location: /login?x=1\r\n"
+                   "Cache-Control: no-cache\r\n"
+                   "\r\n"
+                   "8D\r\n"
+                   "<html><head><title>Found</title></head><body><h1>302 - Found</h1>"
+                   "<p>This page has moved to <a href=\"/login?x=1\">/login?x=1</a></body></html>\n\r\n"
+                   "0\r\n"
+                   "\r\n"},
+        CannedCase{"WithoutPhrase", [](HttpReply* reply) { return http_replyWithRedirect(reply, 306, "/a"); },
+                   redirectPage(306, "Unknown", "/a", "/a")},
+        redirectCase("PercentTwice", "/a%%b", "/a%b"), redirectCase("PercentFourTimes", "/%%%%b", "/%%b"),
+        redirectCase("Escaped", "/a%20b", "/a%20b"), redirectCase("EscapedSlash", "/a%2Fb%2fc", "/a%2Fb%2fc"),
+        redirectCase("Text", "/%s", "/%s"), redirectCase("Count", "/%n%hhn", "/%n%hhn"),
+        redirectCase("Width", "/%*d", "/%*d"), redirectCase("Precision", "/%.*f", "/%.*f"),
+        redirectCase("HugeWidth", "/%2000000000d", "/%2000000000d"), redirectCase("Trailing", "/100%", "/100%"),
+        redirectCase("TrailingWidth", "/100%5", "/100%5"), redirectCase("TrailingFlag", "/100%-", "/100%-"),
+        redirectCase("TwiceAndText", "/%%%s", "/%%s"), redirectCase("TextAndTwice", "/%s%%", "/%s%"),
+        redirectCase("ManyOfAll", "/%d%x%p%c%%%ld%lld%zu%e%", "/%d%x%p%c%%ld%lld%zu%e%"),
+        redirectCase("Long", "/" + std::string(3000, 'l') + "%%", "/" + std::string(3000, 'l') + "%")),
     [](const auto& row) { return row.param.name; });
 
 TEST(ReplyCannedParts, MessageAndBody) {
@@ -655,8 +681,7 @@ TEST(ReplyCopying, FailsWithoutAVersion) {
   http_replyVersionSet(destination.get(), 0, 0);
   TraceCapture trace;
   EXPECT_EQ(http_replyCopy(source.get(), destination.get()), -1);
-  expectEndsWith(trace.said(),
-                 {"http-re[x]unable to set status line", "http-re[x]unable to copy reply status line"});
+  expectEndsWith(trace.said(), {"http-re[x]unable to set status line", "http-re[x]unable to copy reply status line"});
   EXPECT_EQ(headersOf(destination.get()), std::vector<std::string>());
 }
 

@@ -154,22 +154,23 @@ TEST_P(RequestLine, IsSetAndSent) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, RequestLine,
-    ::testing::Values(
-        LineCase{"Connect", 1, "/", "/", "", "CONNECT /"}, LineCase{"Delete", 2, "/a", "/a", "", "DELETE /a"},
-        LineCase{"Get", 3, "/", "/", "", "GET /"}, LineCase{"Head", 4, "/", "/", "", "HEAD /"},
-        LineCase{"Options", 5, "/", "/", "", "OPTIONS /"}, LineCase{"Post", 6, "/", "/", "", "POST /"},
-        LineCase{"Put", 7, "/", "/", "", "PUT /"}, LineCase{"Trace", 8, "/", "/", "", "TRACE /"},
-        LineCase{"Query", 3, "/p?a=1&b=2", "/p", "a=1&b=2", "GET /p?a=1&b=2"},
-        LineCase{"QueryIsSentAsItCame", 3, "/p?%20=%41&+", "/p", "%20=%41&+", "GET /p?%20=%41&+"},
-        LineCase{"EmptyQueryIsNotSent", 3, "/p?", "/p", "", "GET /p"},
-        LineCase{"QueryWithMoreMarks", 3, "/p?a?b", "/p", "a?b", "GET /p?a?b"},
-        LineCase{"BlankInThePath", 3, "/a%20b?q=1", "/a b", "q=1", "GET /a%20b?q=1"},
-        LineCase{"ManyBlanks", 3, "/%20%20%20%20%20%20?q=1", "/      ", "q=1", "GET /%20%20%20%20%20%20?q=1"},
-        LineCase{"SixAreEncoded", 3, "/%23%26%3d%25%3f%20", "/#&=%? ", "", "GET /%23%26%3D%25%3F%20"},
-        LineCase{"AlsoWhenTheyCameAsTheyAre", 3, "/a=b&c#d", "/a=b&c#d", "", "GET /a%3Db%26c%23d"},
-        LineCase{"OthersAreNot", 3, "/%41%2fb+c%c3%a4", "/A/b+c\xc3\xa4", "", "GET /A/b+c\xc3\xa4"},
-        LineCase{"WhatStandsBeforeThePath", 3, "x/y", "/y", "", "GET /y"},
-        LineCase{"Absolute", 3, "http://host/p", "//host/p", "", "GET //host/p"}),
+    ::testing::Values(LineCase{"Connect", 1, "/", "/", "", "CONNECT /"},
+                      LineCase{"Delete", 2, "/a", "/a", "", "DELETE /a"}, LineCase{"Get", 3, "/", "/", "", "GET /"},
+                      LineCase{"Head", 4, "/", "/", "", "HEAD /"}, LineCase{"Options", 5, "/", "/", "", "OPTIONS /"},
+                      LineCase{"Post", 6, "/", "/", "", "POST /"}, LineCase{"Put", 7, "/", "/", "", "PUT /"},
+                      LineCase{"Trace", 8, "/", "/", "", "TRACE /"},
+                      LineCase{"Query", 3, "/p?a=1&b=2", "/p", "a=1&b=2", "GET /p?a=1&b=2"},
+                      LineCase{"QueryIsSentAsItCame", 3, "/p?%20=%41&+", "/p", "%20=%41&+", "GET /p?%20=%41&+"},
+                      LineCase{"EmptyQueryIsNotSent", 3, "/p?", "/p", "", "GET /p"},
+                      LineCase{"QueryWithMoreMarks", 3, "/p?a?b", "/p", "a?b", "GET /p?a?b"},
+                      LineCase{"BlankInThePath", 3, "/a%20b?q=1", "/a b", "q=1", "GET /a%20b?q=1"},
+                      LineCase{"ManyBlanks", 3, "/%20%20%20%20%20%20?q=1", "/      ", "q=1",
+                               "GET /%20%20%20%20%20%20?q=1"},
+                      LineCase{"SixAreEncoded", 3, "/%23%26%3d%25%3f%20", "/#&=%? ", "", "GET /%23%26%3D%25%3F%20"},
+                      LineCase{"AlsoWhenTheyCameAsTheyAre", 3, "/a=b&c#d", "/a=b&c#d", "", "GET /a%3Db%26c%23d"},
+                      LineCase{"OthersAreNot", 3, "/%41%2fb+c%c3%a4", "/A/b+c\xc3\xa4", "", "GET /A/b+c\xc3\xa4"},
+                      LineCase{"WhatStandsBeforeThePath", 3, "x/y", "/y", "", "GET /y"},
+                      LineCase{"Absolute", 3, "http://host/p", "//host/p", "", "GET //host/p"}),
     [](const auto& row) { return row.param.name; });
 
 TEST(RequestMethodSet, UsesTheVersion) {
@@ -377,12 +378,9 @@ TEST(RequestFactory, RefusesUnknownMethodsAndTargetsWithoutAPath) {
     const char* method;
     const char* target;
     const char* said;
-  } kRows[] = {{"get", "/", "http-re[x]unknown method: get"},
-               {"PATCH", "/", "http-re[x]unknown method: PATCH"},
-               {"FOO", "*", "http-re[x]unknown method: FOO"},
-               {"", "/", "http-re[x]unknown method: "},
-               {"GET", "*", "http-ur[x]invalid url *"},
-               {"GET", "", "http-ur[x]invalid url "}};
+  } kRows[] = {{"get", "/", "http-re[x]unknown method: get"}, {"PATCH", "/", "http-re[x]unknown method: PATCH"},
+               {"FOO", "*", "http-re[x]unknown method: FOO"}, {"", "/", "http-re[x]unknown method: "},
+               {"GET", "*", "http-ur[x]invalid url *"},       {"GET", "", "http-ur[x]invalid url "}};
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.said);
     HttpRequest request{};
@@ -548,8 +546,7 @@ TEST(RequestForwarders, OfHeaders) {
   EXPECT_EQ(http_requestHeadersNext(it, &name, &value), 0);
   EXPECT_STREQ(name, "a%b");
   EXPECT_EQ(http_requestHeaderValue(it, "Host"), nullptr);
-  EXPECT_EQ(headersOf(it),
-            std::vector<std::string>({"X-Thing=1-a", "a%b=c", "Accept=", "Age=5", "Content-Length=7"}));
+  EXPECT_EQ(headersOf(it), std::vector<std::string>({"X-Thing=1-a", "a%b=c", "Accept=", "Age=5", "Content-Length=7"}));
   EXPECT_EQ(http_requestHasBody(it), 1);
   EXPECT_EQ(http_requestHeaderValueSet(it, "Content-Type", "multipart/mixed"), 0);
   EXPECT_EQ(http_requestHasBody(it), 1) << "not the type";

@@ -221,9 +221,9 @@ constexpr ZoneCase kZones[] = {
     {"AnotherCase", "HTTP-MULTIPART", KROTRACE_INFO, "xx!"},
 };
 
-class Zone : public testing::TestWithParam<ZoneCase> {};
+class TraceZone : public testing::TestWithParam<ZoneCase> {};
 
-TEST_P(Zone, ShowsItsLinesAndNoOthers) {
+TEST_P(TraceZone, ShowsItsLinesAndNoOthers) {
   const Restored restored;
   Lines lines;
   kroTraceToFunction(keepLine, &lines);
@@ -239,7 +239,7 @@ TEST_P(Zone, ShowsItsLinesAndNoOthers) {
   EXPECT_EQ(marks, GetParam().marks);
 }
 
-INSTANTIATE_TEST_SUITE_P(Zones, Zone, testing::ValuesIn(kZones), [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Zones, TraceZone, testing::ValuesIn(kZones), [](const auto& row) { return row.param.name; });
 
 TEST(TraceZones, AreSwitchedOneByOne) {
   const TraceCapture capture{"http-uri"};
@@ -354,9 +354,9 @@ constexpr FormCase kForms[] = {
     {"Empty", 100, "", nullptr},
 };
 
-class Form : public testing::TestWithParam<FormCase> {};
+class TraceLineForm : public testing::TestWithParam<FormCase> {};
 
-TEST_P(Form, IsToldApart) {
+TEST_P(TraceLineForm, IsToldApart) {
   const TraceLine line(GetParam().level, GetParam().line);
   EXPECT_EQ(line.wellFormed, GetParam().brief != nullptr);
   if (GetParam().brief != nullptr) {
@@ -366,9 +366,10 @@ TEST_P(Form, IsToldApart) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Lines, Form, testing::ValuesIn(kForms), [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Lines, TraceLineForm, testing::ValuesIn(kForms),
+                         [](const auto& row) { return row.param.name; });
 
-TEST(Capture, TakesALineApart) {
+TEST(TraceCaptureScope, TakesALineApart) {
   const TraceLine line(100, "http-ur - [x]invalid url * - (http_uriParse@uri.cpp:42)");
   EXPECT_EQ(line.zone, "http-ur");
   EXPECT_EQ(line.mark, 'x');
@@ -378,7 +379,7 @@ TEST(Capture, TakesALineApart) {
   EXPECT_EQ(line.line, 42);
 }
 
-TEST(Capture, NestsAndLeavesNothingOn) {
+TEST(TraceCaptureScope, NestsAndLeavesNothingOn) {
   const TraceCapture outer;
   {
     const TraceCapture inner{TRACE_ZONE};

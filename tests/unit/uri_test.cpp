@@ -137,9 +137,9 @@ constexpr ParseCase kTargets[] = {
      "/a", ""},
 };
 
-class Parse : public testing::TestWithParam<ParseCase> {};
+class UriParse : public testing::TestWithParam<ParseCase> {};
 
-TEST_P(Parse, SplitsAndDecodes) {
+TEST_P(UriParse, SplitsAndDecodes) {
   const TraceCapture trace;
   const Target target(GetParam().target);
   ASSERT_EQ(target.result, 0);
@@ -153,7 +153,7 @@ TEST_P(Parse, SplitsAndDecodes) {
   EXPECT_EQ(trace.said(), TraceLines{});
 }
 
-TEST_P(Parse, StaysInTheCallersBuffer) {
+TEST_P(UriParse, StaysInTheCallersBuffer) {
   Target target(GetParam().target);
   ASSERT_EQ(target.result, 0);
   const size_t pathAt = GetParam().target.find('/');
@@ -164,23 +164,24 @@ TEST_P(Parse, StaysInTheCallersBuffer) {
   EXPECT_EQ(http_uriQueryString(&target.uri), target.uri.query);
 }
 
-TEST_P(Parse, ShowsThePathAsItCame) {
+TEST_P(UriParse, ShowsThePathAsItCame) {
   const TraceCapture trace({"http-uri"}, KROTRACE_NOTICE);
   const Target target(GetParam().target);
   const std::string_view fromPath = GetParam().target.substr(GetParam().target.find('/'));
   EXPECT_EQ(trace.said(), TraceLines({"http-ur[n]url path: " + std::string(fromPath)}));
 }
 
-INSTANTIATE_TEST_SUITE_P(Targets, Parse, testing::ValuesIn(kTargets), [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Targets, UriParse, testing::ValuesIn(kTargets),
+                         [](const auto& row) { return row.param.name; });
 
 struct RefusedCase {
   const char* name;
   const char* target;
 };
 
-class Refused : public testing::TestWithParam<RefusedCase> {};
+class UriRefused : public testing::TestWithParam<RefusedCase> {};
 
-TEST_P(Refused, HasNoPathAndNoParameters) {
+TEST_P(UriRefused, HasNoPathAndNoParameters) {
   TraceCapture trace{"http-uri"};
   Target target(GetParam().target);
   EXPECT_EQ(target.result, -1);
@@ -196,7 +197,7 @@ TEST_P(Refused, HasNoPathAndNoParameters) {
   EXPECT_EQ(value, nullptr);
 }
 
-INSTANTIATE_TEST_SUITE_P(Targets, Refused,
+INSTANTIATE_TEST_SUITE_P(Targets, UriRefused,
                          testing::Values(RefusedCase{"Asterisk", "*"}, RefusedCase{"Empty", ""},
                                          RefusedCase{"Authority", "host:80"}, RefusedCase{"OnlyQuery", "?x=1&y=2"},
                                          RefusedCase{"EncodedSlash", "%2Fp"}, RefusedCase{"Backslash", "\\p"}),
@@ -242,16 +243,16 @@ constexpr SerializeCase kSerialized[] = {
     {"AbsoluteTarget", "http://host/p?q", "//host/p?q"},
 };
 
-class Serialize : public testing::TestWithParam<SerializeCase> {};
+class UriSerialize : public testing::TestWithParam<SerializeCase> {};
 
-TEST_P(Serialize, EncodesThePath) {
+TEST_P(UriSerialize, EncodesThePath) {
   const TraceCapture trace;
   Target target(GetParam().target);
   EXPECT_EQ(target.serialized(), GetParam().text);
   EXPECT_EQ(trace.said(), TraceLines{});
 }
 
-TEST_P(Serialize, LeavesTheTargetAsItWas) {
+TEST_P(UriSerialize, LeavesTheTargetAsItWas) {
   Target target(GetParam().target);
   const std::string path = target.uri.path;
   const std::string query = target.uri.query;
@@ -264,14 +265,14 @@ TEST_P(Serialize, LeavesTheTargetAsItWas) {
   EXPECT_EQ(target.serialized(), GetParam().text) << "a second time";
 }
 
-TEST_P(Serialize, IsParsedBackToTheSame) {
+TEST_P(UriSerialize, IsParsedBackToTheSame) {
   Target first(GetParam().target);
   Target second(first.serialized());
   EXPECT_STREQ(second.uri.path, first.uri.path);
   EXPECT_STREQ(second.uri.query, first.uri.query);
 }
 
-INSTANTIATE_TEST_SUITE_P(Targets, Serialize, testing::ValuesIn(kSerialized),
+INSTANTIATE_TEST_SUITE_P(Targets, UriSerialize, testing::ValuesIn(kSerialized),
                          [](const auto& row) { return row.param.name; });
 
 TEST(Uri, IsSerializedWholeAfterAReset) {
@@ -347,12 +348,12 @@ const QueryCase kQueries[] = {
     {"HighOctets", "\xc3\xa9=%C3%A9", {{"\xc3\xa9", "\xc3\xa9"}}},
 };
 
-class Query : public testing::TestWithParam<QueryCase> {
+class UriQuery : public testing::TestWithParam<QueryCase> {
  protected:
   static std::string target() { return "/p?" + std::string(GetParam().query); }
 };
 
-TEST_P(Query, GivesTheSameParametersInEveryPass) {
+TEST_P(UriQuery, GivesTheSameParametersInEveryPass) {
   Target uri(target());
   EXPECT_EQ(uri.rest(), GetParam().pairs) << "first pass";
   EXPECT_EQ(uri.rest(), GetParam().pairs) << "second pass: the end starts anew";
@@ -361,7 +362,7 @@ TEST_P(Query, GivesTheSameParametersInEveryPass) {
   EXPECT_STREQ(uri.uri.path, "/p");
 }
 
-TEST_P(Query, GivesTheSameParametersAfterAResetInTheMiddle) {
+TEST_P(UriQuery, GivesTheSameParametersAfterAResetInTheMiddle) {
   for (size_t steps = 0; steps <= GetParam().pairs.size(); ++steps) {
     Target uri(target());
     char* name = nullptr;
@@ -374,7 +375,7 @@ TEST_P(Query, GivesTheSameParametersAfterAResetInTheMiddle) {
 }
 
 // Whatever stands behind the query in the buffer (headers, for a request) belongs to somebody else.
-TEST_P(Query, LeavesTheBytesAroundItAlone) {
+TEST_P(UriQuery, LeavesTheBytesAroundItAlone) {
   const std::string text = target();
   const std::string behind = "=&?#% Host: a&b=c%26";
   std::vector<char> buffer(text.begin(), text.end());
@@ -398,7 +399,7 @@ TEST_P(Query, LeavesTheBytesAroundItAlone) {
   }
 }
 
-TEST_P(Query, LooksUpTheFirstOfEachName) {
+TEST_P(UriQuery, LooksUpTheFirstOfEachName) {
   Target uri(target());
   for (int round = 0; round < 2; ++round) {
     for (const Pair& wanted : GetParam().pairs) {
@@ -415,7 +416,8 @@ TEST_P(Query, LooksUpTheFirstOfEachName) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Queries, Query, testing::ValuesIn(kQueries), [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Queries, UriQuery, testing::ValuesIn(kQueries),
+                         [](const auto& row) { return row.param.name; });
 
 // What was escaped as we escape comes back octet by octet.
 TEST(UriIterator, PutsTheQueryBackAsItWas) {
@@ -547,9 +549,9 @@ constexpr LookupCase kLookups[] = {
     {"InThePath", "/x=1?y=2", "x", nullptr},
 };
 
-class Lookup : public testing::TestWithParam<LookupCase> {};
+class UriLookups : public testing::TestWithParam<LookupCase> {};
 
-TEST_P(Lookup, GivesTheDecodedValue) {
+TEST_P(UriLookups, GivesTheDecodedValue) {
   Target target(GetParam().target);
   for (int round = 0; round < 3; ++round) {
     char unset = 'u';
@@ -559,7 +561,8 @@ TEST_P(Lookup, GivesTheDecodedValue) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Lookups, Lookup, testing::ValuesIn(kLookups), [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Lookups, UriLookups, testing::ValuesIn(kLookups),
+                         [](const auto& row) { return row.param.name; });
 
 TEST(UriLookup, StartsAnewDuringAnIteration) {
   Target target("/p?a=1&b=2&c=3");
@@ -690,7 +693,7 @@ Pairs parametersOf(std::string_view query) {
   }
 }
 
-class GeneratedQueries : public testing::TestWithParam<int> {
+class UriGenerated : public testing::TestWithParam<int> {
  protected:
   std::string next() {
     static constexpr std::string_view kPieces[] = {
@@ -707,7 +710,7 @@ class GeneratedQueries : public testing::TestWithParam<int> {
   std::mt19937 random_{static_cast<unsigned>(GetParam())};
 };
 
-TEST_P(GeneratedQueries, GiveTheirParametersInEveryPassAndNothingElseChanges) {
+TEST_P(UriGenerated, GiveTheirParametersInEveryPassAndNothingElseChanges) {
   for (int round = 0; round < 4000; ++round) {
     const std::string query = next();
     const Pairs expected = parametersOf(query);
@@ -724,7 +727,7 @@ TEST_P(GeneratedQueries, GiveTheirParametersInEveryPassAndNothingElseChanges) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, GeneratedQueries, testing::Values(1, 2, 3, 4, 5),
+INSTANTIATE_TEST_SUITE_P(Seeds, UriGenerated, testing::Values(1, 2, 3, 4, 5),
                          [](const auto& row) { return "Seed" + std::to_string(row.param); });
 
 TEST(UriRoundTrip, AGeneratedPathIsParsedBackToTheSame) {

@@ -104,14 +104,14 @@ const ListCase kLists[] = {
     {"PercentSigns", "%s%n=%d;%s", ';', {{"%s%n", "%d"}, {"%s", kNone}}},
 };
 
-class List : public testing::TestWithParam<ListCase> {};
+class KeyValueList : public testing::TestWithParam<ListCase> {};
 
-TEST_P(List, IsCutIntoPairs) {
+TEST_P(KeyValueList, IsCutIntoPairs) {
   const TraceCapture trace;
   EXPECT_EQ(cut(GetParam().list, GetParam().separator), GetParam().pairs);
 }
 
-TEST_P(List, WarnsOfEveryKeyWithoutValueAndOfNothingElse) {
+TEST_P(KeyValueList, WarnsOfEveryKeyWithoutValueAndOfNothingElse) {
   const TraceCapture trace;
   size_t withoutValue = 0;
   for (const Pair& pair : cut(GetParam().list, GetParam().separator)) withoutValue += pair.second == kNone ? 1 : 0;
@@ -119,7 +119,7 @@ TEST_P(List, WarnsOfEveryKeyWithoutValueAndOfNothingElse) {
   EXPECT_EQ(trace.countStarting("http-ut[!]unable to parse cookie "), withoutValue);
 }
 
-TEST_P(List, ShowsEveryPairInItsZone) {
+TEST_P(KeyValueList, ShowsEveryPairInItsZone) {
   const TraceCapture trace{"http-utils"};
   TraceLines expected;
   for (const Pair& pair : cut(GetParam().list, GetParam().separator)) {
@@ -129,7 +129,8 @@ TEST_P(List, ShowsEveryPairInItsZone) {
   EXPECT_EQ(trace.said(KROTRACE_INFO), expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(Lists, List, testing::ValuesIn(kLists), [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Lists, KeyValueList, testing::ValuesIn(kLists),
+                         [](const auto& row) { return row.param.name; });
 
 TEST(KeyValue, AnEmptyListSetsOnlyKeyAndCursor) {
   char list[] = "";
@@ -390,9 +391,9 @@ const DecodeCase kDecodes[] = {
     {"MoreBitsBehindTheLastOctetAreDropped", "YWL=", 0, "ab", {}},
 };
 
-class Decode : public testing::TestWithParam<DecodeCase> {};
+class Base64Text : public testing::TestWithParam<DecodeCase> {};
 
-TEST_P(Decode, GivesTheTextOrNothing) {
+TEST_P(Base64Text, GivesTheTextOrNothing) {
   const TraceCapture trace{"http-utils"};
   const Decoded back = decoded(GetParam().text);
   EXPECT_EQ(back.result, GetParam().result);
@@ -405,7 +406,8 @@ TEST_P(Decode, GivesTheTextOrNothing) {
   EXPECT_EQ(trace.said(), GetParam().said);
 }
 
-INSTANTIATE_TEST_SUITE_P(Texts, Decode, testing::ValuesIn(kDecodes), [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Texts, Base64Text, testing::ValuesIn(kDecodes),
+                         [](const auto& row) { return row.param.name; });
 
 TEST(Base64Decode, NothingIsAnEmptyText) {
   char* output = nullptr;

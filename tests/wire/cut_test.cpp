@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <krohttp/krohttp.h>
 
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,6 +19,7 @@ struct CutCase {
   std::string_view body;      // what the body handler reads, "" without one
   bool endCompletes = false;  // the end of the stream inside the body ends the body
 };
+void PrintTo(const CutCase& row, std::ostream* out) { *out << row.name; }
 constexpr CutCase kRequests[] = {
     {"Get", "GET /some/path?x=1 HTTP/1.1\r\nHost: example\r\nX-Long: abc def\r\n\r\n", ""},
     {"ContentLength", "POST /p HTTP/1.1\r\nHost: x\r\nContent-Length: 11\r\n\r\nhello world", "hello world",
@@ -212,6 +214,7 @@ struct MalformedCase {
   const char* name;
   std::string_view body;
 };
+void PrintTo(const MalformedCase& row, std::ostream* out) { *out << row.name; }
 constexpr MalformedCase kMalformed[] = {
     {"Extension", "5;x=1\r\nhello\r\n0\r\n\r\n"},
     {"BadSize", "xyz\r\nhello\r\n0\r\n\r\n"},

@@ -1,9 +1,9 @@
 // The cycle of a server connection: which handlers run, what is traced and in which order, what is on the wire.
 #include <gtest/gtest.h>
 #include <krohttp/krohttp.h>
-#include <netinet/tcp.h>
 #include <sys/resource.h>
 
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -69,6 +69,7 @@ struct BodyCase {
   std::string wire;  // of the head and the body together
   int headers;
 };
+void PrintTo(const BodyCase& row, std::ostream* out) { *out << row.name; }
 const BodyCase kBodies[] = {
     {"ContentLength", "POST /a HTTP/1.1\r\nHost: x\r\nContent-Length: 5\r\n\r\nhello", 2},
     {"Chunked", "POST /a HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n", 2},
@@ -222,6 +223,7 @@ struct KeepCase {
   const char* replyConnection;  // nullptr for none
   bool keeps;
 };
+void PrintTo(const KeepCase& row, std::ostream* out) { *out << row.name; }
 constexpr KeepCase kKeepCases[] = {
     {"Http11", "1.1", "", nullptr, true},
     {"Http11Close", "1.1", "Connection: close\r\n", nullptr, false},
@@ -456,6 +458,7 @@ struct RefusedCase {
   int refusal;
   bool inHeaders;
 };
+void PrintTo(const RefusedCase& row, std::ostream* out) { *out << row.name; }
 constexpr RefusedCase kRefused[] = {
     {"NoBlank", "GET\r\n\r\n", "http-me[x]unable to read status line: parse error", HTTP_MSG_BAD_FIRST_LINE, false},
     {"NoVersion", "GET /\r\n\r\n", "http-me[x]unable to read status line: parse error", HTTP_MSG_BAD_FIRST_LINE, false},
