@@ -59,7 +59,8 @@ void onCheck(uv_check_t*) {
   restIfIdle();
 }
 
-void onLimit(uv_timer_t*) {}
+/** The timer may run out before the turn has come to its wait, which must be none then. */
+void onLimit(uv_timer_t*) { uv_stop(&loop.uv); }
 
 void ignoreSigpipe() {
   struct sigaction action;
@@ -143,7 +144,9 @@ SignalSlot* makeSignal(int number) {
 void runOnce(uv_run_mode mode) {
   const bool lingersAlone = !loop.lingering.alone() && !uv_loop_alive(&loop.uv);
   if (lingersAlone) uv_ref(asHandle(&loop.lingerEnd));
+  loop.inWait = true;
   uv_run(&loop.uv, mode);
+  loop.inWait = false;
   if (lingersAlone) uv_unref(asHandle(&loop.lingerEnd));
 }
 
@@ -219,7 +222,10 @@ extern "C" int zel_loop_run(void) {
   return 0;
 }
 
-extern "C" void zel_loop_stop(void) { loop.stopped = true; }
+extern "C" void zel_loop_stop(void) {
+  loop.stopped = true;
+  if (loop.inWait) uv_stop(&loop.uv);  // or this turn would go on to wait for the next event
+}
 
 extern "C" int zel_loop_descriptor(void) { return zel::loop_open() ? uv_backend_fd(&loop.uv) : -1; }
 

@@ -139,6 +139,7 @@ struct Loop {
   uint32_t turn;
   bool open;
   bool inTurn;
+  bool inWait; /**< within libuv's part of the turn */
   bool stopped;
   bool closing;
 };

@@ -90,8 +90,10 @@ ssize_t writeDirect(ZelPeer* peer, const char* data, size_t size) {
     errno = ENOMEM;
     return sent + static_cast<ssize_t>(kept);
   }
-  if (peer->output.bytes > 0 && peer->socket == Socket::Connected && stream_flush(peer) == Flush::Dead)
+  if (peer->socket == Socket::Connected && stream_flush(peer) == Flush::Dead) {
     peer->writeDead = true;
+    return 0;
+  }
   errno = peer->output.bytes > 0 ? EAGAIN : 0;
   return static_cast<ssize_t>(size);
 }
@@ -125,9 +127,17 @@ bool isPushedBack(const FILE* stream) {
 /** Whether the buffer of the input stream may be changed: nothing may be in it. */
 bool isInputEmpty(const ZelPeer* peer) { return stream_unread(peer) == 0 && !isPushedBack(peer->in); }
 
+/** glibc goes on as with the buffer before, of which nothing is left, until it believes that writing begins anew. */
+void beginWriting(FILE* stream) {
+  constexpr int kCurrentlyPutting = 0x0800;
+  stream->_flags &= ~kCurrentlyPutting;
+}
+
 char* lend(FILE* stream) {
   char* buffer = loop_takeBuffer();
-  if (buffer) setvbuf(stream, buffer, _IOFBF, kStreamBufferSize);
+  if (!buffer) return nullptr;
+  setvbuf(stream, buffer, _IOFBF, kStreamBufferSize);
+  beginWriting(stream);
   return buffer;
 }
 
@@ -140,7 +150,7 @@ void takeBack(FILE* stream, char** buffer) {
 bool takeBackOutput(ZelPeer* peer) {
   if (!peer->outBuffer) return true;
   const bool kept = fflush_unlocked(peer->out) == 0;
-  if (!kept) __fpurge(peer->out);  // or setvbuf() would refuse, with the buffer still in use
+  if (!kept) __fpurge(peer->out);  // setvbuf() refuses while something is left in the buffer
   takeBack(peer->out, &peer->outBuffer);
   return kept || peer->writeDead;
 }

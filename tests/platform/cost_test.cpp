@@ -135,6 +135,23 @@ TEST_F(CostTest, AFullSocketIsNotTriedAgainBeforeItTakesData) {
   EXPECT_EQ(counters.writes, 1u);
 }
 
+// stdio keeps the end of the room for output with the buffer; without it every character is a call.
+TEST_F(CostTest, StdioKnowsTheRoomOfALentBuffer) {
+  ZelPeer* peer = makePeer(&other_);
+  probe_.on(peer, PEER_EVENT_DATA, [](ZelPeer* one) {
+    FILE* out = peer_outStream(one, PEER_STREAM_BUFFERED);
+    fputc(fgetc(peer_inStream(one)), out);
+    EXPECT_GT(out->_IO_write_end - out->_IO_write_ptr, 16000);
+    return true;
+  });
+  for (int i = 0; i < 3; ++i) {
+    sendText(other_, "x");
+    settle();
+  }
+  EXPECT_EQ(probe_.count(PEER_EVENT_DATA), 3u);
+  EXPECT_EQ(received(other_), "xxx");
+}
+
 // fclose() searches that list from its newest member on: closing many peers would take time by the square of their
 // number.
 TEST_F(CostTest, StreamsArePutOutOfStdiosList) {

@@ -1,6 +1,22 @@
+#include <sys/syscall.h>
+
 #include <csignal>
+#include <ctime>
 
 #include "peer_support.h"
+
+// The system's clock, which can be told to run ahead by so much whenever it is read.
+static long millisecondsPerLook;
+
+extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
+  static long ahead;
+  const int result = static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+  ahead += millisecondsPerLook;
+  time->tv_sec += ahead / 1000;
+  time->tv_nsec += ahead % 1000 * 1000000;
+  if (time->tv_nsec >= 1000000000) ++time->tv_sec, time->tv_nsec -= 1000000000;
+  return result;
+}
 
 namespace {
 
@@ -39,6 +55,51 @@ TEST_F(LoopOnlyTest, ATurnWaitsNoLongerThanAsked) {
   makePeer(&other_);
   EXPECT_TRUE(zel_loop_turn(1));
   EXPECT_TRUE(zel_loop_turn(0));
+}
+
+TEST_F(LoopOnlyTest, ATurnDoesNotOversleepWhenItsTimeIsUpBeforeItWaits) {
+  makePeer(&other_);
+  settle();
+  millisecondsPerLook = 3;
+  for (int turn = 0; turn < 5; ++turn) EXPECT_TRUE(zel_loop_turn(1));
+  millisecondsPerLook = 0;
+}
+
+TEST_F(LoopOnlyTest, StopInATimersHandlerDoesNotWaitForAnotherEvent) {
+  makePeer(&other_);
+  settle();
+  for (const unsigned milliseconds : {0u, 1u}) {
+    ZelTimer* timer = zel_timer_create();
+    zel_timer_setHandler(timer, [](ZelTimer*, void*) { zel_loop_stop(); });
+    zel_timer_start(timer, milliseconds);
+    while (zel_loop_timeout() > 0) usleep(1000);  // due before the turn begins
+    EXPECT_EQ(zel_loop_run(), 0);
+    zel_timer_destroy(timer);
+  }
+}
+
+TEST_F(LoopOnlyTest, StopInADrainedHandlerDoesNotWaitForAnotherEvent) {
+  ZelPeer* peer = makePeer(&other_);
+  settle();
+  probe_.on(peer, PEER_EVENT_DRAINED, [](ZelPeer*) {
+    zel_loop_stop();
+    return true;
+  });
+  fputs("x", peer_outStream(peer, PEER_STREAM_BUFFERED));
+  EXPECT_EQ(zel_loop_run(), 0);
+  EXPECT_EQ(received(other_), "x");
+}
+
+TEST_F(LoopOnlyTest, StopWithoutARunChangesNothing) {
+  ZelPeer* peer = makePeer(&other_);
+  probe_.on(peer, PEER_EVENT_DATA, [](ZelPeer* one) {
+    zel_loop_stop();
+    return !readAll(peer_inStream(one)).empty();
+  });
+  zel_loop_stop();
+  sendText(other_, "x");
+  EXPECT_EQ(zel_loop_run(), 0);
+  EXPECT_EQ(probe_.count(PEER_EVENT_DATA), 1u);
 }
 
 TEST_F(LoopOnlyTest, SitsInsideAnApplicationsOwnLoop) {

@@ -172,6 +172,8 @@ class WireClient {
       }
       sent_ += static_cast<size_t>(count);
     }
+    output_.clear();
+    sent_ = 0;
     if (std::exchange(finishing_, false)) shutdown(socket_.get(), SHUT_WR);
   }
   void pumpInput() {

@@ -625,6 +625,14 @@ TEST(BodyReadUntilClose, EndsWithTheStream) {
   EXPECT_EQ(reading.message()->state, 3);
 }
 
+TEST(BodyReadUntilClose, IsDoneWithTheReadThatMeetsTheEnd) {
+  ScriptInput input(kUntilClose + "0123456789");
+  Reading reading(input);
+  EXPECT_EQ(reading.once(4), "0123");
+  EXPECT_EQ(reading.message()->state, 3);
+  EXPECT_EQ(reading.once(4096), "456789|end");
+}
+
 // Without a length, no octet counts as all of them: the first read must find something.
 TEST(BodyReadUntilClose, NothingYetIsTheEnd) {
   ScriptInput input(kUntilClose);
@@ -793,6 +801,7 @@ TEST(BodyReadMultipart, StopsAtItsLength) {
     Reading reading(input);
     EXPECT_EQ(reading.all(1000), pattern(length) + "|end");
     expectComplete(reading);
+    EXPECT_EQ(input.rest(), "GET / HTTP/1.1\r\n\r\n");
   }
 }
 

@@ -932,6 +932,44 @@ TEST(MessageReset, EndsARunningIteration) {
   EXPECT_EQ(http_msgHeadersNext(&reply->message, &name, &value), -1);
 }
 
+TEST(MessageReset, TheIterationOfTheNextMessageStartsAtItsFirstHeader) {
+  ScriptInput input("GET / HTTP/1.1\r\nA: 1\r\nB: 2\r\n\r\nGET / HTTP/1.1\r\nX-Longer-Name: 3\r\nVia: 4\r\n\r\n");
+  const RequestPtr request = incoming(input.stream());
+  const char* name = nullptr;
+  const char* value = nullptr;
+  ASSERT_EQ(http_msgHeadersNext(&request->message, &name, &value), 0);
+  http_msgReset(&request->message);
+  while (request->message.state < HTTP_MSG_BODY) ASSERT_EQ(http_msgParse(&request->message), 0);
+  EXPECT_EQ(headersFromHere(&request->message), std::vector<std::string>({"X-Longer-Name=3", "Via=4"}));
+}
+
+// The line that is being read overwrites what the message before it handed out.
+TEST(MessageReset, TheTextsOfTheMessageBeforeAreGoneWithTheNextRead) {
+  ScriptInput input("GET /path?query HTTP/1.1\r\n\r\n");
+  input.bytes("POST /").hold();
+  const RequestPtr request = incoming(input.stream());
+  http_msgReset(&request->message);
+  ASSERT_EQ(http_msgParse(&request->message), 0);
+  EXPECT_EQ(http_requestPath(request.get()), nullptr);
+
+  ScriptInput replies("HTTP/1.1 200 Fine\r\nContent-Length: 0\r\n\r\n");
+  replies.bytes("HTTP/").hold();
+  const ReplyPtr reply(http_replyCreate());
+  http_msgModeSet(&reply->message, HTTP_MSG_READING);
+  http_msgStreamSet(&reply->message, replies.stream());
+  while (reply->message.state < HTTP_MSG_BODY) ASSERT_EQ(http_msgParse(&reply->message), 0);
+  http_msgReset(&reply->message);
+  ASSERT_EQ(http_msgParse(&reply->message), 0);
+  EXPECT_EQ(reply->reason, nullptr);
+}
+
+TEST(MessageReset, ForgetsThatABodyWasCut) {
+  HttpMessage message{};
+  message.bodyCut = 1;
+  http_msgReset(&message);
+  EXPECT_EQ(message.bodyCut, 0);
+}
+
 TEST(MessageReset, AllowsAnotherMessageInTheSameBuffer) {
   ScriptInput input("GET /first HTTP/1.1\r\nHost: a\r\n\r\nHEAD /second HTTP/1.0\r\nVia: b\r\n\r\n");
   const RequestPtr request = incoming(input.stream());

@@ -29,15 +29,16 @@ ZEL_API ZelList *connection_peers(ZelConnection *connection);
 ZEL_API ZelPeer *connection_listenOnTCP(ZelConnection *connection, const char *host, const char *port);
 
 /**
- * Listens on a Unix stream socket at @p path, of at most 107 bytes. A socket file that nobody listens on any more is replaced;
- * the file is removed when the listening peer ends.
+ * Listens on a Unix stream socket at @p path, of at most 107 bytes. A socket file that nobody listens on any more is
+ * replaced; the file is removed when the listening peer ends, unless another one has taken its place.
  * @return as connection_listenOnTCP()
  */
 ZEL_API ZelPeer *connection_listenOnIPC(ZelConnection *connection, const char *path);
 
 /**
  * Connects over TCP without blocking: names are resolved and addresses tried one after the other (IPv4 and IPv6)
- * while the loop runs. What is written meanwhile is queued. A connection that fails later ends in a close event.
+ * while the loop runs. What is written meanwhile is queued. A connection that fails later ends in a close event;
+ * zel_error gives the reason while its close handlers run.
  * @param flags  0; reserved
  * @return the peer, owned by the connection, or NULL with zel_error
  */

@@ -15,7 +15,7 @@ extern "C" {
 
 typedef struct ZelList ZelList;
 
-/** A position in a list; caller-provided storage, valid for one walk on one list. A walk may be given up at any time. */
+/** A position in a list; caller-provided storage, valid for one walk on one list. A walk may be given up any time. */
 typedef struct ZelListIterator {
   ZelList *list;     /**< private */
   size_t serial;     /**< private */

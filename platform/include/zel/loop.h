@@ -18,11 +18,12 @@ extern "C" {
 /** Runs on each delivery of a signal, from the loop, where every call is allowed. */
 typedef void (*ZelSignalHandler)(int signal, void *userData);
 
-/** Runs turns until zel_loop_stop(), or until nothing is left that could ever raise an event. @return 0, or -1 with
- * zel_error when the loop cannot be set up */
+/** Runs turns until zel_loop_stop(), or until nothing is left that could ever raise an event. Turns do not nest.
+ * @return 0, or -1 with zel_error when the loop cannot be set up or a turn is running */
 ZEL_API int zel_loop_run(void);
 
-/** Makes zel_loop_run() return at the end of the turn. Callable from handlers and signal handlers of the loop. */
+/** Makes the running zel_loop_run() return at the end of the turn, without waiting for another event. Callable from
+ * handlers and signal handlers of the loop. */
 ZEL_API void zel_loop_stop(void);
 
 /**
@@ -47,7 +48,11 @@ ZEL_API void zel_loop_drain(unsigned milliseconds);
 /** Calls @p handler for @p signal from now on; NULL restores the system's default. @return false with zel_error */
 ZEL_API bool zel_loop_onSignal(int signal, ZelSignalHandler handler, void *userData);
 
-/** Ends every peer (close handlers run), frees timers' loop resources and the loop itself. */
+/**
+ * Ends every peer (close handlers run), frees timers' loop resources and the loop itself; waits for names that are
+ * being looked up. Nothing new can be made meanwhile; afterwards everything can be used again. Does nothing inside a
+ * turn.
+ */
 ZEL_API void zel_loop_close(void);
 
 #ifdef __cplusplus

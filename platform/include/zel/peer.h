@@ -107,13 +107,18 @@ ZEL_API bool peer_setStreamType(ZelPeer *peer, int type);
 /** What can be done with the peer's descriptor (ZelPeerCapability). */
 ZEL_API unsigned peer_capabilities(const ZelPeer *peer);
 
-/** Replaces the transport; @p transport must outlive the peer. NULL restores the socket's own. */
+/**
+ * Replaces the transport; @p transport must outlive the peer. NULL restores the socket's own.
+ * When the peer ends, what is queued is offered to it after the handler of event 6 and before the close handlers that
+ * were added; it is not called any more once these have run.
+ */
 ZEL_API void peer_setTransport(ZelPeer *peer, const ZelTransport *transport);
 
 /** The connection that the peer belongs to. */
 ZEL_API ZelConnection *peer_connection(const ZelPeer *peer);
 
-/** The socket, or -1 with zel_error ZEL_ERROR_BAD_PEER for NULL and for a peer that has failed or ended. errno is kept. */
+/** The socket, or -1 with zel_error ZEL_ERROR_BAD_PEER for NULL, for a peer that has failed or ended, and for one whose
+ * host is still being looked up. errno is kept. */
 ZEL_API int peer_socket(const ZelPeer *peer);
 
 /** The address of the other side as text, "127.0.0.1" or "::1", "unix" for a Unix socket, "" when there is none.
@@ -128,8 +133,8 @@ ZEL_API void *peer_userData(const ZelPeer *peer);
 ZEL_API void peer_setUserData(ZelPeer *peer, void *userData);
 
 /**
- * Ends the peer now: its close handlers run inside this call. Output written before, and by them, is still handed to the
- * socket, and unread input does not reset it away: the socket itself goes once the other side has finished, or
+ * Ends the peer now: its close handlers run inside this call. Output written before, and by them, is still handed to
+ * the socket, and unread input does not reset it away: the socket itself goes once the other side has finished, or
  * after two seconds or 256 KiB of further input. Ending a peer twice is harmless.
  */
 ZEL_API void peer_close(ZelPeer *peer);
