@@ -25,13 +25,14 @@ constexpr size_t kChunkLine = 256;
 // The largest chunk whose size line still fits its ten bytes.
 constexpr size_t kLargestChunk = 0xFFFFFFF;
 
-// --- contexts ---------------------------------------------------------------------------------------------------------
+// --- contexts
+// ---------------------------------------------------------------------------------------------------------
 
 // A body that ends after a number of bytes, or with the connection.
 struct NormalBody {
   HttpMessage* message;
-  FILE* parent;  // the connection's stream, borrowed
-  FILE* stream;  // the body stream itself
+  FILE* parent;     // the connection's stream, borrowed
+  FILE* stream;     // the body stream itself
   uint32_t length;  // 0: until the connection closes (reading), or no limit (writing)
   uint32_t done;
 };
@@ -44,7 +45,14 @@ struct BufferedBody : NormalBody {
   char buffer[kReadAhead];
 };
 
-enum ChunkState : int { CHUNK_INIT = 0, CHUNK_SIZE = 1, CHUNK_DATA = 2, CHUNK_EOL = 3, CHUNK_DONE = 4, CHUNK_ERROR = 5 };
+enum ChunkState : int {
+  CHUNK_INIT = 0,
+  CHUNK_SIZE = 1,
+  CHUNK_DATA = 2,
+  CHUNK_EOL = 3,
+  CHUNK_DONE = 4,
+  CHUNK_ERROR = 5
+};
 
 struct ChunkedBody {
   HttpMessage* message;
@@ -61,7 +69,8 @@ struct ChunkedBody {
   bool lastChunk;
 };
 
-// --- helpers ----------------------------------------------------------------------------------------------------------
+// --- helpers
+// ----------------------------------------------------------------------------------------------------------
 
 // The parent has nothing more now. At its end errno must not be a stale EAGAIN, or the message would wait for ever.
 int parentStopped(HttpMessage* message, FILE* parent) {
@@ -113,7 +122,8 @@ void bodyClosed(HttpMessage* message, int state) {
   if (transferring) msg_completed(message);
 }
 
-// --- normal -----------------------------------------------------------------------------------------------------------
+// --- normal
+// -----------------------------------------------------------------------------------------------------------
 
 ssize_t body_read_normal(void* cookie, char* buffer, size_t size) {
   auto* const body = static_cast<NormalBody*>(cookie);
@@ -161,7 +171,8 @@ int body_close_normal(void* cookie) {
   return 0;
 }
 
-// --- buffered ---------------------------------------------------------------------------------------------------------
+// --- buffered
+// ---------------------------------------------------------------------------------------------------------
 
 // Reads ahead behind what the buffer holds; never past the body's end.
 size_t readAhead(BufferedBody* body) {
@@ -251,7 +262,8 @@ int body_close_buffered(void* cookie) {
   return 0;
 }
 
-// --- chunked (RFC 9112 section 7.1, without extensions and trailers) ----------------------------------------------------
+// --- chunked (RFC 9112 section 7.1, without extensions and trailers)
+// ----------------------------------------------------
 
 int chunkFailed(ChunkedBody* body, int error) {
   body->readerState = CHUNK_ERROR;
@@ -364,8 +376,12 @@ bool stepChunks(ChunkedBody* body) {
       TRACE_INFO("handling state eol");
       result = readChunkEnd(body);
       break;
-    case CHUNK_DONE: TRACE_INFO("handling state done"); return false;
-    case CHUNK_ERROR: TRACE_INFO("handling state error"); return false;
+    case CHUNK_DONE:
+      TRACE_INFO("handling state done");
+      return false;
+    case CHUNK_ERROR:
+      TRACE_INFO("handling state error");
+      return false;
   }
   if (result < 0) body->readerState = CHUNK_ERROR;
   return true;
@@ -395,7 +411,8 @@ ssize_t body_write_chunked(void* cookie, const char* buffer, size_t size) {
   const size_t amount = std::min(size, kLargestChunk);
   TRACE_INFO("sending chunk of size %u", static_cast<unsigned>(amount));
   char line[10];
-  const auto lineLength = static_cast<size_t>(std::snprintf(line, sizeof line, "%X\r\n", static_cast<unsigned>(amount)));
+  const auto lineLength =
+      static_cast<size_t>(std::snprintf(line, sizeof line, "%X\r\n", static_cast<unsigned>(amount)));
   errno = 0;
   if (fwrite_unlocked(line, 1, lineLength, body->parent) < lineLength) {
     TRACE_INFO("unable to write chunk size");
@@ -433,7 +450,8 @@ int body_close_chunked(void* cookie) {
   return result;
 }
 
-// --- opening ----------------------------------------------------------------------------------------------------------
+// --- opening
+// ----------------------------------------------------------------------------------------------------------
 
 // stdio takes a negative count for a very large one: a refused write is one of no bytes there.
 template <ssize_t (*write)(void*, const char*, size_t)>

@@ -2,13 +2,13 @@
 #include <krohttp/message.h>
 #include <krohttp/utils.h>
 
+#include <strings.h>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <strings.h>
 
 #include "header_internal.h"
 #include "memory.h"
@@ -44,7 +44,8 @@ int hdr_serializeContentLength(HttpHeader* header, HttpMessage* message) {
   return msg_setHeaderLine(message, "%s: %" PRIu64, prot_headerString(header->code), header->contentLength.length);
 }
 
-// --- Content-Type and Content-Disposition: a value, and parameters behind a semicolon ---------------------------------
+// --- Content-Type and Content-Disposition: a value, and parameters behind a semicolon
+// ---------------------------------
 
 // Cuts the parameters off @p value. True when there are none, or they could be loaded.
 bool cutParameters(char* value, HttpHeaderParameter** parameters) {
@@ -74,10 +75,10 @@ int hdr_serializeContentType(HttpHeader* header, HttpMessage* message) {
   const auto& type = header->contentType;
   const char* name = prot_headerString(header->code);
   const CString parameters(hdr_serializeHdrParameters(type.parameters));
-  return parameters ? msg_setHeaderLine(message, "%s: %s/%s; %s", name, textOrNull(type.mediaType),
-                                        textOrNull(type.subType), parameters.get())
-                    : msg_setHeaderLine(message, "%s: %s/%s", name, textOrNull(type.mediaType),
-                                        textOrNull(type.subType));
+  return parameters
+             ? msg_setHeaderLine(message, "%s: %s/%s; %s", name, textOrNull(type.mediaType), textOrNull(type.subType),
+                                 parameters.get())
+             : msg_setHeaderLine(message, "%s: %s/%s", name, textOrNull(type.mediaType), textOrNull(type.subType));
 }
 
 void hdr_freeContentType(HttpHeader* header) { hdr_freeHdrParameters(header->contentType.parameters); }
@@ -98,7 +99,8 @@ int hdr_serializeContentDisposition(HttpHeader* header, HttpMessage* message) {
 
 void hdr_freeContentDisposition(HttpHeader* header) { hdr_freeHdrParameters(header->contentDisposition.parameters); }
 
-// --- Connection (RFC 9110 section 7.6.1) ------------------------------------------------------------------------------
+// --- Connection (RFC 9110 section 7.6.1)
+// ------------------------------------------------------------------------------
 
 int hdr_factoryConnection(HttpHeader* header, char* text) {
   unsigned flags = 0;
@@ -125,7 +127,8 @@ int hdr_serializeConnection(HttpHeader* header, HttpMessage* message) {
   return msg_setHeaderLine(message, "%s: %s", "Connection", value);
 }
 
-// --- Transfer-Encoding ------------------------------------------------------------------------------------------------
+// --- Transfer-Encoding
+// ------------------------------------------------------------------------------------------------
 
 int hdr_factoryTransferEncoding(HttpHeader* header, char* text) {
   header->transferEncoding.chunked = strcasecmp(text, "chunked") == 0;
@@ -141,7 +144,8 @@ int hdr_serializeTransferEncoding(HttpHeader* header, HttpMessage* message) {
   return msg_setHeaderLine(message, "%s: %s", prot_headerString(header->code), "chunked");
 }
 
-// --- Date -------------------------------------------------------------------------------------------------------------
+// --- Date
+// -------------------------------------------------------------------------------------------------------------
 
 int hdr_factoryDate(HttpHeader* header, char* text) {
   header->date.time = -1;
@@ -159,7 +163,8 @@ int hdr_serializeDate(HttpHeader* header, HttpMessage* message) {
   return msg_setHeaderLine(message, "%s: %s", "Date", text);
 }
 
-// --- the registry -----------------------------------------------------------------------------------------------------
+// --- the registry
+// -----------------------------------------------------------------------------------------------------
 
 struct Row {
   HttpHeaderFactory factory = hdr_factoryGeneric;
@@ -171,26 +176,32 @@ struct Row {
 // their operations in header_internal.h and get their rows (8, 19, 41, 42, 51) here.
 constexpr Row rowOf(int code) {
   switch (code) {
-    case HTTP_HEADER_CONNECTION: return {hdr_factoryConnection, hdr_serializeConnection, nullptr};
+    case HTTP_HEADER_CONNECTION:
+      return {hdr_factoryConnection, hdr_serializeConnection, nullptr};
     case HTTP_HEADER_CONTENT_DISPOSITION:
       return {hdr_factoryContentDisposition, hdr_serializeContentDisposition, hdr_freeContentDisposition};
-    case HTTP_HEADER_CONTENT_LENGTH: return {hdr_factoryContentLength, hdr_serializeContentLength, nullptr};
-    case HTTP_HEADER_CONTENT_TYPE: return {hdr_factoryContentType, hdr_serializeContentType, hdr_freeContentType};
-    case HTTP_HEADER_DATE: return {hdr_factoryDate, hdr_serializeDate, nullptr};
-    case HTTP_HEADER_TRANSFER_ENCODING: return {hdr_factoryTransferEncoding, hdr_serializeTransferEncoding, nullptr};
-    default: return {};
+    case HTTP_HEADER_CONTENT_LENGTH:
+      return {hdr_factoryContentLength, hdr_serializeContentLength, nullptr};
+    case HTTP_HEADER_CONTENT_TYPE:
+      return {hdr_factoryContentType, hdr_serializeContentType, hdr_freeContentType};
+    case HTTP_HEADER_DATE:
+      return {hdr_factoryDate, hdr_serializeDate, nullptr};
+    case HTTP_HEADER_TRANSFER_ENCODING:
+      return {hdr_factoryTransferEncoding, hdr_serializeTransferEncoding, nullptr};
+    default:
+      return {};
   }
 }
 
 }  // namespace
 
-#define ROWS_(field, at)                                                                                            \
-  rowOf(at).field, rowOf(at + 1).field, rowOf(at + 2).field, rowOf(at + 3).field, rowOf(at + 4).field,              \
+#define ROWS_(field, at)                                                                               \
+  rowOf(at).field, rowOf(at + 1).field, rowOf(at + 2).field, rowOf(at + 3).field, rowOf(at + 4).field, \
       rowOf(at + 5).field, rowOf(at + 6).field, rowOf(at + 7).field, rowOf(at + 8).field, rowOf(at + 9).field
-#define TABLE_(field)                                                                                               \
-  {                                                                                                                 \
-    ROWS_(field, 0), ROWS_(field, 10), ROWS_(field, 20), ROWS_(field, 30), ROWS_(field, 40), rowOf(50).field,       \
-        rowOf(51).field, rowOf(52).field                                                                            \
+#define TABLE_(field)                                                                                         \
+  {                                                                                                           \
+    ROWS_(field, 0), ROWS_(field, 10), ROWS_(field, 20), ROWS_(field, 30), ROWS_(field, 40), rowOf(50).field, \
+        rowOf(51).field, rowOf(52).field                                                                      \
   }
 
 extern "C" {

@@ -44,7 +44,8 @@ int refuseFirstLine(HttpMessage* message, HttpMessageRefusal reason) {
 
 }  // namespace
 
-// --- the buffer -------------------------------------------------------------------------------------------------------
+// --- the buffer
+// -------------------------------------------------------------------------------------------------------
 
 void msg_bufferRelease(HttpMessage* message) {
   std::free(message->buffer);
@@ -64,7 +65,8 @@ int msg_grow(HttpMessage* message, unsigned extra) {
   BufferOffset first(message->firstHeader, message->buffer);
   BufferOffset limit(message->headersLimit, message->buffer);
   BufferOffset iteration(message->headerIter, message->buffer);
-  char* buffer = representable ? static_cast<char*>(std::realloc(message->buffer, message->bufferSize + step)) : nullptr;
+  char* buffer =
+      representable ? static_cast<char*>(std::realloc(message->buffer, message->bufferSize + step)) : nullptr;
   if (buffer == nullptr) {
     TRACE_ERROR("unable to reallocate buffer: %m");
     return -1;
@@ -105,7 +107,8 @@ int msg_checkNeedMoreData(HttpMessage* message, int error) {
 
 }  // extern "C"
 
-// --- lines ------------------------------------------------------------------------------------------------------------
+// --- lines
+// ------------------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -116,7 +119,8 @@ constexpr bool isKept(int byte) { return byte > 31 || byte == '\r' || byte == '\
 // are bytes to drop among them, or nothing is held.
 size_t takeBuffered(HttpMessage* message, FILE* stream) {
   const char* const held = stream->_IO_read_ptr;
-  size_t count = std::min<size_t>(static_cast<size_t>(stream->_IO_read_end - held), message->bufferSize - message->fill);
+  size_t count =
+      std::min<size_t>(static_cast<size_t>(stream->_IO_read_end - held), message->bufferSize - message->fill);
   if (count == 0) return 0;
   if (const void* const lineFeed = std::memchr(held, '\n', count))
     count = static_cast<size_t>(static_cast<const char*>(lineFeed) - held) + 1;
@@ -290,7 +294,8 @@ int msg_lineSetFirstV(HttpMessage* message, const char* format, va_list argument
   message->headersEnd = before.headersEnd + shift;
   message->lineStart += before.lineStart + shift;
   message->state = before.state;
-  if (before.firstHeader == nullptr) message->firstHeader = message->headersLimit = message->buffer + message->headersEnd;
+  if (before.firstHeader == nullptr)
+    message->firstHeader = message->headersLimit = message->buffer + message->headersEnd;
   return 0;
 }
 
@@ -328,7 +333,8 @@ int msg_removeStatusLine(HttpMessage* message) {
 
 }  // extern "C"
 
-// --- the parser -------------------------------------------------------------------------------------------------------
+// --- the parser
+// -------------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -384,8 +390,8 @@ bool makeRoomForEntry(HttpMessage* message, size_t size, HeaderLine* parts) {
 }
 
 // Writes the entry of a custom header at @p entry, which is at or before its line. When the code byte would land on the
-// name, everything goes one byte towards the end, the value first; otherwise the name first: it moves to the front, away
-// from the value.
+// name, everything goes one byte towards the end, the value first; otherwise the name first: it moves to the front,
+// away from the value.
 void storeCustom(char* entry, const HeaderLine& parts) {
   char* const name = entry + 1;
   char* const value = name + parts.nameLength + 1;
@@ -505,8 +511,7 @@ int msg_parseHeaderLine(HttpMessage* message, char* line, bool allowEmpty) {
   message->headersLimit = message->buffer + message->headersEnd;
   if (message->firstHeader == nullptr) message->firstHeader = entry;
   // An entry can be a byte longer than its line ("a:b"): the next line must not begin inside it.
-  if (message->fill < message->headersEnd)
-    message->fill = message->lineEnd = message->lineStart = message->headersEnd;
+  if (message->fill < message->headersEnd) message->fill = message->lineEnd = message->lineStart = message->headersEnd;
   return 0;
 }
 
@@ -556,9 +561,13 @@ extern "C" {
 
 bool msg_hasBody(HttpMessage* message) {
   switch (message->type) {
-    case HTTP_MSG_REQUEST: return rq_hasBody(asRequest(message));
-    case HTTP_MSG_REPLY: return rp_hasBody(asReply(message));
-    default: TRACE_ERROR("unknown message type"); return false;
+    case HTTP_MSG_REQUEST:
+      return rq_hasBody(asRequest(message));
+    case HTTP_MSG_REPLY:
+      return rp_hasBody(asReply(message));
+    default:
+      TRACE_ERROR("unknown message type");
+      return false;
   }
 }
 
@@ -595,7 +604,8 @@ int msg_setHeaderLine(HttpMessage* message, const char* format, ...) {
 
 }  // extern "C"
 
-// --- headers ----------------------------------------------------------------------------------------------------------
+// --- headers
+// ----------------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -853,7 +863,8 @@ int msg_headersSend(HttpMessage* message) {
 
 }  // extern "C"
 
-// --- body and completion ------------------------------------------------------------------------------------------------
+// --- body and completion
+// ------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -870,8 +881,8 @@ FILE* openForReading(HttpMessage* message) {
 }
 
 FILE* openForWriting(HttpMessage* message) {
-  const bool headSent =
-      (message->state >= HTTP_MSG_BODY || msg_writeText(message->stream, "\r\n")) && fflush_unlocked(message->stream) == 0;
+  const bool headSent = (message->state >= HTTP_MSG_BODY || msg_writeText(message->stream, "\r\n")) &&
+                        fflush_unlocked(message->stream) == 0;
   if (!headSent) {
     TRACE_ERROR("unable to send message: %m");
     message->state = HTTP_MSG_FAILED;
@@ -907,9 +918,13 @@ extern "C" {
 FILE* http_msgBody(HttpMessage* message) {
   if (message->body != nullptr) return message->body;
   switch (message->mode) {
-    case HTTP_MSG_READING: return openForReading(message);
-    case HTTP_MSG_WRITING: return openForWriting(message);
-    default: message->state = HTTP_MSG_BODY; return nullptr;
+    case HTTP_MSG_READING:
+      return openForReading(message);
+    case HTTP_MSG_WRITING:
+      return openForWriting(message);
+    default:
+      message->state = HTTP_MSG_BODY;
+      return nullptr;
   }
 }
 

@@ -30,7 +30,8 @@ void rp_forget(HttpReply* reply);
 // A reply of a server connection has just become complete.
 void srv_replyCompleted(HttpMessage* reply);
 
-// --- offered to the neighbours ----------------------------------------------------------------------------------------
+// --- offered to the neighbours
+// ----------------------------------------------------------------------------------------
 
 // msg_setStatusLine() for a finished text of @p length characters and a NUL.
 int msg_setFirstLine(HttpMessage* message, const char* text, size_t length);
@@ -57,7 +58,8 @@ void msg_bufferRelease(HttpMessage* message);
 // Keeps a pointer into a buffer that moves.
 class BufferOffset {
  public:
-  BufferOffset(char*& pointer, const char* buffer) : pointer_(pointer), offset_(pointer == nullptr ? -1 : pointer - buffer) {}
+  BufferOffset(char*& pointer, const char* buffer)
+      : pointer_(pointer), offset_(pointer == nullptr ? -1 : pointer - buffer) {}
   void moveTo(char* buffer, ptrdiff_t shift = 0) {
     if (offset_ >= 0) pointer_ = buffer + offset_ + shift;
   }

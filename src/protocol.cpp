@@ -23,19 +23,50 @@ constexpr const char* const methodStrings[HTTP_METHOD_COUNT] = {
 
 constexpr const char* const statusStrings[HTTP_STATUS_COUNT] = {
     // 1xx
-    "Continue", "Switching Protocols",
+    "Continue",
+    "Switching Protocols",
     // 2xx
-    "OK", "Created", "Accepted", "Non-Authoritative Information", "No Content", "Reset Content", "Partial Content",
+    "OK",
+    "Created",
+    "Accepted",
+    "Non-Authoritative Information",
+    "No Content",
+    "Reset Content",
+    "Partial Content",
     // 3xx
-    "Multiple Choices", "Moved Permanently", "Found", "See Other", "Not Modified", "Use Proxy", nullptr,
+    "Multiple Choices",
+    "Moved Permanently",
+    "Found",
+    "See Other",
+    "Not Modified",
+    "Use Proxy",
+    nullptr,
     "Temporary Redirect",
     // 4xx
-    "Bad Request", "Unauthorized", "Payment Required", "Forbidden", "Not Found", "Method Not Allowed", "Not Acceptable",
-    "Proxy Authentication Required", "Request Timeout", "Conflict", "Gone", "Length Required", "Precondition Failed",
-    "Request Entity Too Large", "Request-URI Too Long", "Unnsuported Media Type", "Requested Range Not Satisfiable",
+    "Bad Request",
+    "Unauthorized",
+    "Payment Required",
+    "Forbidden",
+    "Not Found",
+    "Method Not Allowed",
+    "Not Acceptable",
+    "Proxy Authentication Required",
+    "Request Timeout",
+    "Conflict",
+    "Gone",
+    "Length Required",
+    "Precondition Failed",
+    "Request Entity Too Large",
+    "Request-URI Too Long",
+    "Unnsuported Media Type",
+    "Requested Range Not Satisfiable",
     "Expectation Failed",
     // 5xx
-    "Internal Server Error", "Not Implemented", "Bad Gateway", "Service Unavailable", "Gateway Timeout",
+    "Internal Server Error",
+    "Not Implemented",
+    "Bad Gateway",
+    "Service Unavailable",
+    "Gateway Timeout",
     "HTTP Version Not Supported",
 };
 
@@ -180,12 +211,18 @@ uint8_t prot_statusCodeHash(unsigned code) {
   const auto statusClass = static_cast<uint16_t>(code / 100 * 100);
   const auto rest = static_cast<uint16_t>(code % 100);
   switch (statusClass) {
-    case 100: return static_cast<uint8_t>(rest);
-    case 200: return static_cast<uint8_t>(rest + 2);
-    case 300: return static_cast<uint8_t>(rest + 9);
-    case 400: return static_cast<uint8_t>(rest + 17);
-    case 500: return static_cast<uint8_t>(rest + 35);
-    default: return 0;
+    case 100:
+      return static_cast<uint8_t>(rest);
+    case 200:
+      return static_cast<uint8_t>(rest + 2);
+    case 300:
+      return static_cast<uint8_t>(rest + 9);
+    case 400:
+      return static_cast<uint8_t>(rest + 17);
+    case 500:
+      return static_cast<uint8_t>(rest + 35);
+    default:
+      return 0;
   }
 }
 

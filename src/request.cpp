@@ -9,7 +9,8 @@
 #define TRACE_ZONE "http-request"
 #include "trace.h"
 
-// --- what the message layer calls -------------------------------------------------------------------------------------
+// --- what the message layer calls
+// -------------------------------------------------------------------------------------
 
 void rq_forget(HttpRequest* request) { request->uri = HttpUri{}; }
 
@@ -47,12 +48,15 @@ bool rq_hasBody(HttpRequest* request) {
     case HTTP_METHOD_DELETE:
     case HTTP_METHOD_GET:
     case HTTP_METHOD_HEAD:
-    case HTTP_METHOD_OPTIONS: return false;
-    default: return true;
+    case HTTP_METHOD_OPTIONS:
+      return false;
+    default:
+      return true;
   }
 }
 
-// --- lifecycle --------------------------------------------------------------------------------------------------------
+// --- lifecycle
+// --------------------------------------------------------------------------------------------------------
 
 HttpRequest* http_requestCreate(void) {
   HttpRequest* const request = makeZeroed<HttpRequest>().release();
@@ -80,7 +84,8 @@ void http_requestDestroy(HttpRequest* request) {
   if (request != nullptr) http_requestCleanup(request);
 }
 
-// --- building and sending ---------------------------------------------------------------------------------------------
+// --- building and sending
+// ---------------------------------------------------------------------------------------------
 
 int http_requestMethodSet(HttpRequest* request, int method, const char* uri) {
   HttpMessage* const message = &request->message;
@@ -127,7 +132,8 @@ int http_requestSend(HttpRequest* request) {
   return result;
 }
 
-// --- accessors --------------------------------------------------------------------------------------------------------
+// --- accessors
+// --------------------------------------------------------------------------------------------------------
 
 int http_requestState(HttpRequest* request) { return request->message.state; }
 

@@ -33,7 +33,8 @@ constexpr size_t kBlock = 4096;
 // A message buffer that has grown beyond this is not kept for the next request of its connection.
 constexpr uint32_t kKeptBuffer = 2048;
 
-// --- connections ------------------------------------------------------------------------------------------------------
+// --- connections
+// ------------------------------------------------------------------------------------------------------
 
 // A connection with what only this file needs to know.
 struct Connection : HttpServerConnection {
@@ -112,11 +113,12 @@ Connection* connectionOf(const ZelPeer* peer) {
 
 ZelPeer* peerOf(Connection* connection) { return connection->request.message.peer; }
 
-// --- states -----------------------------------------------------------------------------------------------------------
+// --- states
+// -----------------------------------------------------------------------------------------------------------
 
 const char* nameOf(HttpServerState state) {
-  static constexpr const char* kNames[] = {"INIT",          "ACCEPTED",   "RECEIVING_REQUEST", "REQUEST_RECEIVED",
-                                           "SENDING_REPLY", "REPLY_SENT", "CLOSED",            "ERROR"};
+  static constexpr const char* kNames[] = {
+      "INIT", "ACCEPTED", "RECEIVING_REQUEST", "REQUEST_RECEIVED", "SENDING_REPLY", "REPLY_SENT", "CLOSED", "ERROR"};
   return kNames[state];
 }
 
@@ -139,7 +141,8 @@ void checkOwnership(const Connection* connection) {
   if (request.owner != connection->server || !owned) TRACE_BROKEN("request is not owned by server");
 }
 
-// --- small steps ------------------------------------------------------------------------------------------------------
+// --- small steps
+// ------------------------------------------------------------------------------------------------------
 
 bool setTcpOption(int socket, int option, int value) {
   return setsockopt(socket, IPPROTO_TCP, option, &value, sizeof value) == 0;
@@ -209,7 +212,8 @@ void prepareMessages(Connection* connection) {
   connection->reply.message.mode = HTTP_MSG_WRITING;
 }
 
-// --- stopping ---------------------------------------------------------------------------------------------------------
+// --- stopping
+// ---------------------------------------------------------------------------------------------------------
 
 void notifyStopped(ZelTimer* timer, void* userData) {
   auto* const server = static_cast<HttpServer*>(userData);
@@ -235,7 +239,8 @@ bool srv_handleWriteDone(ZelPeer* peer);
 bool srv_handleWriteFile(ZelPeer* peer);
 bool srv_handleWriteFileReplyDone(ZelPeer* peer);
 
-// --- going on without an event ----------------------------------------------------------------------------------------
+// --- going on without an event
+// ----------------------------------------------------------------------------------------
 
 // No event comes for a reply that is completed after all of it has left, nor from a descriptor that has nothing to send
 // yet, and those for a body whose handler does not read would come all the time: a timer goes on with them.
@@ -263,7 +268,8 @@ bool startLater(Connection* connection, unsigned milliseconds) {
   return zel_timer_start(connection->later, milliseconds);
 }
 
-// --- reading ----------------------------------------------------------------------------------------------------------
+// --- reading
+// ----------------------------------------------------------------------------------------------------------
 
 // How long to leave alone what is ready all the time but does not get on.
 constexpr unsigned kPauseMilliseconds = 10;
@@ -392,10 +398,15 @@ int readStep(Connection* connection, ZelPeer* peer) {
         if (result != kGoOn) return result;
       }
       return srv_handleReadHeader(connection, peer);
-    case HTTP_MSG_HEADERS: return srv_handleReadHeader(connection, peer);
-    case HTTP_MSG_BODY: return srv_handleReadBody(connection, peer);
-    case HTTP_MSG_DONE: return srv_handleReadDone(connection, peer);
-    default: TRACE_ERROR("unknown state"); return kDrop;
+    case HTTP_MSG_HEADERS:
+      return srv_handleReadHeader(connection, peer);
+    case HTTP_MSG_BODY:
+      return srv_handleReadBody(connection, peer);
+    case HTTP_MSG_DONE:
+      return srv_handleReadDone(connection, peer);
+    default:
+      TRACE_ERROR("unknown state");
+      return kDrop;
   }
 }
 
@@ -426,7 +437,8 @@ bool srv_handleRead(ZelPeer* peer) {
   return handled;
 }
 
-// --- the reply has left -----------------------------------------------------------------------------------------------
+// --- the reply has left
+// -----------------------------------------------------------------------------------------------
 
 // The next request begins with what the last one left of the buffers, unless it was an unusually large one.
 void trimBuffer(HttpMessage* message) {
@@ -489,7 +501,8 @@ bool srv_handleWriteDone(ZelPeer* peer) {
   return true;
 }
 
-// --- closing ----------------------------------------------------------------------------------------------------------
+// --- closing
+// ----------------------------------------------------------------------------------------------------------
 
 // Tells the application that its request or reply was cut off.
 void reportClose(Connection* connection, ZelPeer* peer) {
@@ -498,7 +511,9 @@ void reportClose(Connection* connection, ZelPeer* peer) {
   HttpReply* const reply = &connection->reply;
   switch (connection->state) {
     case HTTP_SERVER_INIT:
-    case HTTP_SERVER_ACCEPTED: TRACE_NOTICE("closing kept-alive connection"); break;
+    case HTTP_SERVER_ACCEPTED:
+      TRACE_NOTICE("closing kept-alive connection");
+      break;
     case HTTP_SERVER_RECEIVING_REQUEST:
       TRACE_ERROR("client closed connection while reading request");
       if (server->errorHandler != nullptr) server->errorHandler(request, reply);
@@ -510,7 +525,9 @@ void reportClose(Connection* connection, ZelPeer* peer) {
       switchTo(connection, HTTP_SERVER_REPLY_SENT);
       if (server->replyDoneHandler != nullptr && !connection->replyDoneTold) server->replyDoneHandler(reply, request);
       break;
-    case HTTP_SERVER_CLOSED: TRACE_NOTICE("server was already closed"); break;
+    case HTTP_SERVER_CLOSED:
+      TRACE_NOTICE("server was already closed");
+      break;
     case HTTP_SERVER_REQUEST_RECEIVED:
     case HTTP_SERVER_REPLY_SENT:
     case HTTP_SERVER_ERROR:
@@ -553,7 +570,8 @@ bool srv_handleClose(ZelPeer* peer) {
   return true;
 }
 
-// --- accepting --------------------------------------------------------------------------------------------------------
+// --- accepting
+// --------------------------------------------------------------------------------------------------------
 
 void setSocketOptions(Connection* connection, ZelPeer* peer) {
   const int socket = peer_socket(peer);
@@ -610,7 +628,8 @@ bool srv_handleAccept(ZelPeer* peer) {
   return true;
 }
 
-// --- files and descriptors --------------------------------------------------------------------------------------------
+// --- files and descriptors
+// --------------------------------------------------------------------------------------------
 
 // How much one step may send.
 size_t stepSize(const Connection* connection) {
@@ -633,9 +652,9 @@ ssize_t srv_writeWithSendfile(ZelPeer* peer, HttpServerConnection* connection) {
 
 ssize_t srv_writeWithSplice(ZelPeer* peer, HttpServerConnection* connection) {
   errno = 0;
-  const ssize_t count = splice(connection->staticFd, nullptr, peer_socket(peer), nullptr,
-                               stepSize(static_cast<Connection*>(connection)),
-                               SPLICE_F_MOVE | SPLICE_F_NONBLOCK | SPLICE_F_MORE);
+  const ssize_t count =
+      splice(connection->staticFd, nullptr, peer_socket(peer), nullptr, stepSize(static_cast<Connection*>(connection)),
+             SPLICE_F_MOVE | SPLICE_F_NONBLOCK | SPLICE_F_MORE);
   if (count < 0 && errno != EAGAIN) TRACE_ERROR("unable to execute splice: %m");
   return count;
 }
@@ -787,7 +806,8 @@ int openFile(const char* path) {
   return descriptor;
 }
 
-// --- files below a root directory -------------------------------------------------------------------------------------
+// --- files below a root directory
+// -------------------------------------------------------------------------------------
 
 using PathBuffer = char[PATH_MAX];
 

@@ -28,10 +28,10 @@ inline const TraceColours& traceColours() {
 }  // namespace krohttp
 
 #define TRACE_FORMAT_(format) "%s%-7.7s%s - %s[%s]%s%s" format "%s - %s(%s@%s:%d)%s"
-#define TRACE_BEFORE_(mark, markColour, markReset)                                                        \
+#define TRACE_BEFORE_(mark, markColour, markReset)                                                          \
   ::krohttp::traceColours().zone, TRACE_ZONE, ::krohttp::traceColours().reset, markColour, mark, markReset, \
       ::krohttp::traceColours().message
-#define TRACE_AFTER_                                                                                       \
+#define TRACE_AFTER_                                                                                      \
   ::krohttp::traceColours().reset, ::krohttp::traceColours().location, __func__, __FILE_NAME__, __LINE__, \
       ::krohttp::traceColours().reset
 #define TRACE_MARKED_ERROR_ TRACE_BEFORE_("x", ::krohttp::traceColours().error, ::krohttp::traceColours().reset)
@@ -41,11 +41,11 @@ inline const TraceColours& traceColours() {
   kroTrace(KROTRACE_FATAL, TRACE_FORMAT_(format), TRACE_MARKED_ERROR_, __VA_OPT__(__VA_ARGS__, ) TRACE_AFTER_)
 #define TRACE_ERROR(format, ...) \
   kroTrace(KROTRACE_ERROR, TRACE_FORMAT_(format), TRACE_MARKED_ERROR_, __VA_OPT__(__VA_ARGS__, ) TRACE_AFTER_)
-#define TRACE_WARNING(format, ...)                                                                                \
+#define TRACE_WARNING(format, ...) \
   kroTrace(KROTRACE_WARNING, TRACE_FORMAT_(format), TRACE_BEFORE_("!", "", ""), __VA_OPT__(__VA_ARGS__, ) TRACE_AFTER_)
-#define TRACE_NOTICE(format, ...)                                                        \
+#define TRACE_NOTICE(format, ...)                                                           \
   kroTraceZ(TRACE_ZONE, KROTRACE_NOTICE, TRACE_FORMAT_(format), TRACE_BEFORE_("n", "", ""), \
             __VA_OPT__(__VA_ARGS__, ) TRACE_AFTER_)
-#define TRACE_INFO(format, ...)                                                        \
+#define TRACE_INFO(format, ...)                                                           \
   kroTraceZ(TRACE_ZONE, KROTRACE_INFO, TRACE_FORMAT_(format), TRACE_BEFORE_("i", "", ""), \
             __VA_OPT__(__VA_ARGS__, ) TRACE_AFTER_)

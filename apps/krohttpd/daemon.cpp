@@ -66,9 +66,8 @@ std::string describe(const ListenAddress& address, unsigned port) {
 bool listenOn(const ListenAddress& address) {
   ZelConnection* const connection = daemon_->connection.get();
   errno = 0;
-  ZelPeer* const peer = address.local
-                            ? connection_listenOnIPC(connection, address.host.c_str())
-                            : connection_listenOnTCP(connection, address.host.c_str(), address.port.c_str());
+  ZelPeer* const peer = address.local ? connection_listenOnIPC(connection, address.host.c_str())
+                                      : connection_listenOnTCP(connection, address.host.c_str(), address.port.c_str());
   if (peer == nullptr) {
     const char* const reason = errno != 0 ? std::strerror(errno) : error_string(zel_error);
     std::fprintf(stderr, "krohttpd: cannot listen on %s%s%s: %s\n", address.host.c_str(), address.local ? "" : ":",

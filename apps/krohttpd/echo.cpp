@@ -42,7 +42,7 @@ bool contentLength(HttpRequest* request, uint64_t* length) {
 
 bool expectsContinue(HttpRequest* request) {
   const char* const expectation = http_requestHeaderValue(request, "Expect");
-  return expectation != nullptr && strcasecmp(expectation, "100-continue") == 0;
+  return expectation != nullptr && strcasecmp(expectation, "100-continue") == 0 && http_requestVersion(request)[1] > 0;
 }
 
 // The socket is corked: an interim reply would wait in it for a full segment.
@@ -68,7 +68,8 @@ bool resumeReading(ZelPeer* peer) {
 
 int pauseUntilDrained(HttpRequest* request) {
   if (http_serverPauseRequest(request) < 0) return -1;
-  return peer_setEventHandler(http_requestPeer(request), PEER_EVENT_DRAINED, PEER_DIRECTION_OUT, resumeReading) ? 0 : -1;
+  return peer_setEventHandler(http_requestPeer(request), PEER_EVENT_DRAINED, PEER_DIRECTION_OUT, resumeReading) ? 0
+                                                                                                                : -1;
 }
 
 int finish(HttpRequest* request, HttpReply* reply) {
@@ -101,7 +102,8 @@ int echoBegin(HttpRequest* request, HttpReply* reply) {
   }
   if (expectsContinue(request) && http_requestState(request) == HTTP_MSG_BODY && !sendContinue(reply)) return -1;
   // Without a header that says so, a body would last until the connection ends, and never be answered.
-  const bool empty = http_requestState(request) == HTTP_MSG_DONE || http_requestBodyType(request) == HTTP_BODY_UNTIL_CLOSE;
+  const bool empty =
+      http_requestState(request) == HTTP_MSG_DONE || http_requestBodyType(request) == HTTP_BODY_UNTIL_CLOSE;
   if (empty) return replyWithText(request, reply, 200, "", "");
   if (setHead(request, reply, echo) < 0 || http_replySend(reply) < 0) return -1;
   echoes[http_requestPeer(request)] = echo;

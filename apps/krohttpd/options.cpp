@@ -76,8 +76,9 @@ Options parse(CLI::App& app, int argc, char** argv) {
   app.add_flag("--demo", options.demo, "Add GET /hello, POST /echo and GET /status");
   app.add_option("--access-log", options.accessLog, "Append a line per request to this file, - for standard output")
       ->type_name("FILE");
-  app.add_option("--trace", traces, "Trace a zone (http-server, http-message, ..., * for all) up to a level: "
-                                    "notice, info or a number; repeatable")
+  app.add_option("--trace", traces,
+                 "Trace a zone (http-server, http-message, ..., * for all) up to a level: "
+                 "notice, info or a number; repeatable")
       ->type_name("ZONE[=LEVEL]")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);

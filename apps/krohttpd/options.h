@@ -24,7 +24,8 @@ struct Options {
   std::vector<TraceZone> traces;
 };
 
-// What to do after the command line was read: run with options, or end with a status (help was printed, or an error in one line).
+// What to do after the command line was read: run with options, or end with a status (help was printed, or an error in
+// one line).
 struct ParsedOptions {
   std::optional<Options> options;
   int status = 0;

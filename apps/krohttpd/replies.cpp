@@ -64,7 +64,7 @@ int replyWithStatus(HttpRequest* request, HttpReply* reply, unsigned code, const
   const char* const phrase = prot_statusCodeString(code);
   char page[256];
   const int length =
-      std::snprintf(page, sizeof page, "<!DOCTYPE html>\n<html lang=\"en\"><title>%u %s</title><h1>%u %s</h1></html>\n", code,
-                    phrase, code, phrase);
+      std::snprintf(page, sizeof page, "<!DOCTYPE html>\n<html lang=\"en\"><title>%u %s</title><h1>%u %s</h1></html>\n",
+                    code, phrase, code, phrase);
   return replyWithText(request, reply, code, "text/html; charset=utf-8", {page, static_cast<size_t>(length)}, allow);
 }

@@ -11,7 +11,8 @@ int addCommonHeaders(HttpRequest* request, HttpReply* reply);
 // Adds Connection: close.
 int announceClose(HttpReply* reply);
 
-// Sends a complete reply with a body of known length; @p allow, when not null, becomes the Allow header. Returns 0 or -1.
+// Sends a complete reply with a body of known length; @p allow, when not null, becomes the Allow header. Returns 0 or
+// -1.
 int replyWithText(HttpRequest* request, HttpReply* reply, unsigned code, const char* contentType, std::string_view text,
                   const char* allow = nullptr);
 

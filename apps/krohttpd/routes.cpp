@@ -21,7 +21,8 @@ std::string root;
 bool demo = false;
 std::function<Counters()> currentCounters;
 
-// --- single answers ---------------------------------------------------------------------------------------------------
+// --- single answers
+// ---------------------------------------------------------------------------------------------------
 
 long residentMemory() {
   long total = 0;
@@ -50,21 +51,42 @@ int replyWithFile(HttpRequest* request, HttpReply* reply) {
   return result == 0 || http_replyState(reply) >= HTTP_MSG_BODY ? 0 : -1;
 }
 
-// --- what is wrong with a request before its target matters -----------------------------------------------------------
+// --- what is wrong with a request before its target matters
+// -----------------------------------------------------------
 
-// RFC 9112 section 3.2: one Host, and exactly one.
-bool hasOneHost(HttpRequest* request) {
+// What decides where a request belongs and where its body ends.
+struct Framing {
   int hosts = 0;
+  int lengths = 0;
+  int codings = 0;
+  bool lengthIsNumber = true;
+};
+
+Framing framingOf(HttpRequest* request) {
+  Framing framing;
   int code = HTTP_HEADER_NONE;
   const char* name = nullptr;
   const char* value = nullptr;
   http_requestHeadersReset(request);
-  while (msg_headersNext(&request->message, &code, &name, &value) == 0)
-    if (code == HTTP_HEADER_HOST) ++hosts;
-  return hosts == 1;
+  while (msg_headersNext(&request->message, &code, &name, &value) == 0) {
+    if (code == HTTP_HEADER_HOST) ++framing.hosts;
+    if (code == HTTP_HEADER_TRANSFER_ENCODING) ++framing.codings;
+    if (code != HTTP_HEADER_CONTENT_LENGTH) continue;
+    ++framing.lengths;
+    constexpr std::string_view kLongest = "9223372036854775807";
+    const std::string_view text = value;
+    framing.lengthIsNumber =
+        text.find_first_not_of("0123456789") == std::string_view::npos && text.size() <= kLongest.size();
+  }
+  return framing;
 }
 
+// RFC 9112 section 6.3: with two ways to tell the body's end, or none that can be read, what follows may be meant as
+// another client's request.
+bool isAmbiguous(const Framing& framing) { return framing.lengths + framing.codings > 1 || !framing.lengthIsNumber; }
+
 bool hasUnknownExpectation(HttpRequest* request) {
+  if (http_requestVersion(request)[1] == 0) return false;  // HTTP/1.0 has no expectations
   const char* const expectation = http_requestHeaderValue(request, "Expect");
   return expectation != nullptr && strcasecmp(expectation, "100-continue") != 0;
 }
@@ -73,17 +95,22 @@ bool hasUnknownExpectation(HttpRequest* request) {
 unsigned refusalOf(HttpRequest* request) {
   const uint8_t* const version = http_requestVersion(request);
   if (version[0] != 1) return 505;
-  if (version[1] > 0 && !hasOneHost(request)) return 400;
+  const Framing framing = framingOf(request);
+  if (isAmbiguous(framing)) return 400;
+  if (version[1] > 0 && framing.hosts != 1) return 400;  // RFC 9112 section 3.2
   if (http_requestBodyType(request) == HTTP_BODY_UNKNOWN) return 501;
   if (hasUnknownExpectation(request)) return 417;
   switch (http_requestMethod(request)) {
     case HTTP_METHOD_CONNECT:
-    case HTTP_METHOD_TRACE: return 501;
-    default: return 0;
+    case HTTP_METHOD_TRACE:
+      return 501;
+    default:
+      return 0;
   }
 }
 
-// --- routing ----------------------------------------------------------------------------------------------------------
+// --- routing
+// ----------------------------------------------------------------------------------------------------------
 
 bool wantsEcho(HttpRequest* request) { return demo && std::string_view(http_requestPath(request)) == "/echo"; }
 
@@ -93,21 +120,21 @@ bool isAllowed(HttpRequest* request) {
   return method == HTTP_METHOD_GET || method == HTTP_METHOD_HEAD;
 }
 
-// Nobody will read the body of this request: it is dropped as it comes, and then the connection closes. A multipart one
-// is not worth waiting for.
+// Nobody will read the body of this request: it is dropped as it comes, and then the connection closes. One that is not
+// worth waiting for, or whose end nobody knows, closes it at once.
 int refuse(HttpRequest* request, HttpReply* reply, unsigned code, const char* allow = nullptr) {
   const bool hasBody = http_requestState(request) == HTTP_MSG_BODY;
-  if (hasBody && announceClose(reply) < 0) return -1;
+  if ((hasBody || isAmbiguous(framingOf(request))) && announceClose(reply) < 0) return -1;
   if (replyWithStatus(request, reply, code, allow) < 0) return -1;
   const int type = http_requestBodyType(request);
-  return hasBody && (type == HTTP_BODY_MULTIPART || type == HTTP_BODY_UNKNOWN) ? -1 : 0;
+  const bool unreadable = type == HTTP_BODY_MULTIPART || type == HTTP_BODY_UNKNOWN || isAmbiguous(framingOf(request));
+  return hasBody && unreadable ? -1 : 0;
 }
 
 int answer(HttpRequest* request, HttpReply* reply) {
   const char* const allow = wantsEcho(request) ? kEchoMethods : kReadMethods;
   if (const unsigned code = refusalOf(request); code != 0) return refuse(request, reply, code);
-  if (http_requestMethod(request) == HTTP_METHOD_OPTIONS)
-    return replyWithText(request, reply, 200, kText, "", allow);
+  if (http_requestMethod(request) == HTTP_METHOD_OPTIONS) return replyWithText(request, reply, 200, kText, "", allow);
   if (!isAllowed(request)) return refuse(request, reply, 405, allow);
   if (wantsEcho(request)) return echoBegin(request, reply);
 
@@ -117,7 +144,8 @@ int answer(HttpRequest* request, HttpReply* reply) {
   return replyWithFile(request, reply);
 }
 
-// --- handlers ---------------------------------------------------------------------------------------------------------
+// --- handlers
+// ---------------------------------------------------------------------------------------------------------
 
 int onRequest(HttpRequest* request, HttpReply* reply) {
   // This server speaks HTTP/1.1, whatever higher version was asked for.
@@ -143,9 +171,12 @@ void onReplyDone(HttpReply* reply, HttpRequest* request) {
 
 unsigned statusOfRefusal(uint8_t refusal) {
   switch (refusal) {
-    case HTTP_MSG_BAD_METHOD: return 501;
-    case HTTP_MSG_BAD_VERSION: return 505;
-    default: return 400;
+    case HTTP_MSG_BAD_METHOD:
+      return 501;
+    case HTTP_MSG_BAD_VERSION:
+      return 505;
+    default:
+      return 400;
   }
 }
 

@@ -127,11 +127,9 @@ void peer_end(ZelPeer* peer, Ending ending) {
   loop_stayAwake();
   llist_removeSerial(peer->connection->peers, peer->serial);
   runCloseHandlers(peer, ending);
-  const bool gone = isGone(peer, ending);
-  if (gone) stream_dropOutput(peer);
   stream_takeBack(peer);
   peer->ended = true;
-  finish(peer, gone || peer->writeDead);
+  finish(peer, isGone(peer, ending));
 }
 
 void peer_continueEnding(ZelPeer* peer) {

@@ -294,8 +294,11 @@ TEST_F(ConnectionTest, PeersMayEndWhileTheyConnect) {
     for (const int turns : {0, 1, 2}) {
       ZelPeer* peer = connection_connectToTCP(connection_, host, portOf(listener).c_str(), 0);
       ASSERT_NE(peer, nullptr);
+      bool failed = false;
+      client_.on(peer, PEER_EVENT_CLOSE, [&](ZelPeer*) { return failed = true; });
       for (int turn = 0; turn < turns; ++turn) zel_loop_turn(0);
-      peer_destroy(peer);
+      if (!failed) peer_destroy(peer);
+      EXPECT_TRUE(failed);
       settle();
     }
   EXPECT_EQ(living(), 1u);

@@ -246,10 +246,31 @@ TEST_F(EndingTest, WhoReadsIsToldOfAResetByReading) {
     error = errno;
     return false;
   });
+  fputs("x", peer_outStream(peer, PEER_STREAM_BUFFERED));
+  settle();
+  resetOnClose(other_);
+  other_.reset();
+  const size_t open = openDescriptors().size();
+  ASSERT_TRUE(until([&] { return ended(); }));
+  EXPECT_EQ(error, ECONNRESET);
+  EXPECT_EQ(openDescriptors().size(), open - 1) << "nobody is there to linger for";
+}
+
+TEST_F(EndingTest, WhoIgnoresAResetIsToldAgain) {
+  ZelPeer* peer = makeTcpPeer(&other_);
+  onClose(peer);
+  std::string found;
+  probe_.on(peer, PEER_EVENT_DATA, [&](ZelPeer* one) {
+    errno = 0;
+    EXPECT_EQ(fgetc(peer_inStream(one)), EOF);
+    found += errno == ECONNRESET ? "reset " : feof(peer_inStream(one)) ? "end " : "nothing ";
+    clearerr(peer_inStream(one));
+    return probe_.count(PEER_EVENT_DATA) < 3;
+  });
   resetOnClose(other_);
   other_.reset();
   ASSERT_TRUE(until([&] { return ended(); }));
-  EXPECT_EQ(error, ECONNRESET);
+  EXPECT_EQ(found, "reset end end ");
 }
 
 TEST_F(EndingTest, AWriteThatFailsForGoodEndsThePeerFromTheLoop) {
@@ -425,25 +446,86 @@ TEST_F(EndingTest, DrainWaitsForTheLastBytes) {
 }
 
 TEST_F(EndingTest, ASilentOtherSideIsGivenUp) {
+  ZelPeer* peer = makeTcpPeer(&other_);
   zel_loop_turn(0);
   const size_t open = openDescriptors().size();
-  ZelPeer* peer = makeTcpPeer(&other_);
-  ASSERT_EQ(openDescriptors().size(), open + 2);
   fputs("bye", peer_outStream(peer, PEER_STREAM_BUFFERED));
   peer_destroy(peer);
-  zel_loop_drain(60000);
-  EXPECT_EQ(openDescriptors().size(), open + 1) << "it waits no longer than it must";
+  settle();
+  letTimePass(1500);
+  settle();
+  EXPECT_EQ(openDescriptors().size(), open);
+  letTimePass(600);
+  settle();
+  EXPECT_EQ(openDescriptors().size(), open - 1);
 }
 
 TEST_F(EndingTest, ASilentReaderIsGivenUp) {
+  ZelPeer* peer = makePeer(&other_);
   zel_loop_turn(0);
   const size_t open = openDescriptors().size();
+  const std::string sent = pattern(2 << 20);
+  fwrite(sent.data(), 1, sent.size(), peer_outStream(peer, PEER_STREAM_BUFFERED));
+  peer_destroy(peer);
+  settle();
+  EXPECT_EQ(openDescriptors().size(), open);
+  letTimePass(2100);
+  settle();
+  EXPECT_EQ(openDescriptors().size(), open - 1);
+}
+
+TEST_F(EndingTest, ASlowReaderIsNotGivenUp) {
   ZelPeer* peer = makePeer(&other_);
   const std::string sent = pattern(2 << 20);
   fwrite(sent.data(), 1, sent.size(), peer_outStream(peer, PEER_STREAM_BUFFERED));
   peer_destroy(peer);
-  zel_loop_drain(60000);
-  EXPECT_EQ(openDescriptors().size(), open + 1);
+  std::string got;
+  for (int i = 0; i < 200 && got.size() <= sent.size(); ++i) {
+    settle();
+    letTimePass(1500);
+    got += received(other_, 200000);
+  }
+  EXPECT_TRUE(got == sent + "<end>");
+}
+
+TEST_F(EndingTest, EachThatLingersHasItsTime) {
+  std::array<Descriptor, 3> others;
+  zel_loop_turn(0);
+  const size_t open = openDescriptors().size();
+  for (Descriptor& other : others) {
+    ZelPeer* peer = makePeer(&other);
+    fputs("bye", peer_outStream(peer, PEER_STREAM_BUFFERED));
+    peer_destroy(peer);
+    settle();
+    letTimePass(900);
+  }
+  for (const size_t left : {2, 1, 0}) {
+    settle();
+    EXPECT_EQ(openDescriptors().size(), open + others.size() + left);
+    letTimePass(900);
+  }
+}
+
+TEST_F(EndingTest, AfterAnEndTheLoopDoesNotSleepBeforeItHasTidiedUp) {
+  ZelPeer* peer = makePeer(&other_);
+  Descriptor otherB;
+  makePeer(&otherB);
+  probe_.on(peer, PEER_EVENT_DATA, [](ZelPeer*) { return true; });
+  fputs("x", peer_outStream(peer, PEER_STREAM_BUFFERED));
+  settle();
+  ASSERT_EQ(zel_loop_timeout(), -1);
+  peer_destroy(peer);
+  EXPECT_EQ(zel_loop_timeout(), 0);
+}
+
+TEST_F(EndingTest, OutputPastTheStreamCountsInDirectMode) {
+  ZelPeer* peer = makeTcpPeer(&other_);
+  sendText(other_, "unread");
+  ASSERT_TRUE(peer_setStreamType(peer, PEER_STREAM_DIRECT));
+  ASSERT_EQ(write(peer_socket(peer), "sent", 4), 4);
+  peer_destroy(peer);
+  settle();
+  EXPECT_EQ(received(other_), "sent<end>");
 }
 
 TEST_F(EndingTest, LingeringDoesNotKeepTheLoopRunning) {
@@ -468,6 +550,21 @@ TEST_F(EndingTest, DestroyingAConnectionEndsItsPeers) {
   EXPECT_EQ(peer_connection(peer), nullptr);
   EXPECT_EQ(received(otherB), "bye<end>");
   connection_destroy(nullptr);
+}
+
+TEST_F(EndingTest, AConnectionIsDestroyedOnce) {
+  static ZelConnection* connection;
+  connection = connection_;
+  for (int i = 0; i < 2; ++i) {
+    ZelPeer* peer = makePeer(&other_);
+    peer_addCloseHandler(peer, [](ZelPeer*) {
+      calls += 'd';
+      connection_destroy(connection);
+      return true;
+    });
+  }
+  connection_destroy(std::exchange(connection_, nullptr));
+  EXPECT_EQ(calls, "dd");
 }
 
 TEST_F(EndingTest, ClosingTheLoopEndsEveryPeerAndItCanStartAgain) {

@@ -5,18 +5,20 @@
 
 #include "peer_support.h"
 
-// The system's clock, which can be told to run ahead by so much whenever it is read.
+// The system's clock, which can be put forward, and can be told to run ahead whenever it is read.
+static long millisecondsAhead;
 static long millisecondsPerLook;
 
 extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
-  static long ahead;
   const int result = static_cast<int>(syscall(SYS_clock_gettime, clock, time));
-  ahead += millisecondsPerLook;
-  time->tv_sec += ahead / 1000;
-  time->tv_nsec += ahead % 1000 * 1000000;
+  millisecondsAhead += millisecondsPerLook;
+  time->tv_sec += millisecondsAhead / 1000;
+  time->tv_nsec += millisecondsAhead % 1000 * 1000000;
   if (time->tv_nsec >= 1000000000) ++time->tv_sec, time->tv_nsec -= 1000000000;
   return result;
 }
+
+void letTimePass(long milliseconds) { millisecondsAhead += milliseconds; }
 
 namespace {
 

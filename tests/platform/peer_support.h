@@ -104,6 +104,9 @@ inline void sendText(const Descriptor& socket, std::string_view text) {
   ASSERT_EQ(send(socket.get(), text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
 }
 
+// Puts the clock forward, for the whole program.
+void letTimePass(long milliseconds);
+
 // What has arrived, without waiting; "<end>" and "<reset>" stand for what they say.
 inline std::string received(const Descriptor& socket, size_t limit = SIZE_MAX) {
   std::string text;

@@ -107,6 +107,7 @@ class WireClient {
   // The server has ended the connection, in good order or by a reset.
   bool ended() const { return end_ != Open; }
   bool wasReset() const { return end_ == Reset; }
+  size_t sentCount() const { return sentCount_; }
   // All that was queued has been handed to the socket.
   bool allSent() const { return output_.size() == sent_; }
   int socket() const { return socket_.get(); }
@@ -171,6 +172,7 @@ class WireClient {
         break;
       }
       sent_ += static_cast<size_t>(count);
+      sentCount_ += static_cast<size_t>(count);
     }
     output_.clear();
     sent_ = 0;
@@ -199,7 +201,8 @@ class WireClient {
 
   Descriptor socket_;
   std::string output_;
-  size_t sent_ = 0;
+  size_t sent_ = 0;  // of output_
+  size_t sentCount_ = 0;
   bool finishing_ = false;
   size_t readAtMost_ = SIZE_MAX;
   std::function<void(std::string_view)> sink_;
@@ -301,6 +304,12 @@ inline std::vector<WireReply> takeReplies(std::string_view bytes, bool ended = f
   while (auto reply = takeReply(bytes, &at, false, ended)) replies.push_back(std::move(*reply));
   if (at < bytes.size()) replies.push_back({"leftover", {}, std::string(bytes.substr(at)), ""});
   return replies;
+}
+
+// How many replies in bytes are complete.
+inline size_t countReplies(std::string_view bytes, bool ended = false) {
+  const std::vector<WireReply> replies = takeReplies(bytes, ended);
+  return replies.size() - (!replies.empty() && replies.back().statusLine == "leftover" ? 1 : 0);
 }
 
 // --- bytes and folders -----------------------------------------------------------------------------------------------

@@ -22,10 +22,8 @@ struct CutCase {
 void PrintTo(const CutCase& row, std::ostream* out) { *out << row.name; }
 constexpr CutCase kRequests[] = {
     {"Get", "GET /some/path?x=1 HTTP/1.1\r\nHost: example\r\nX-Long: abc def\r\n\r\n", ""},
-    {"ContentLength", "POST /p HTTP/1.1\r\nHost: x\r\nContent-Length: 11\r\n\r\nhello world", "hello world",
-     true},
-    {"Chunked",
-     "POST /p HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n006\r\n world\r\n0\r\n\r\n",
+    {"ContentLength", "POST /p HTTP/1.1\r\nHost: x\r\nContent-Length: 11\r\n\r\nhello world", "hello world", true},
+    {"Chunked", "POST /p HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n006\r\n world\r\n0\r\n\r\n",
      "hello world"},
     {"Multipart",
      "POST /p HTTP/1.1\r\nContent-Type: multipart/form-data; boundary=b\r\nContent-Length: 11\r\n\r\nhello world",
@@ -174,7 +172,8 @@ TEST_P(CutTest, OneOctetAtATime) {
   EXPECT_EQ(callsOf("request"), 1u);
 }
 
-// --- bodies that end with the connection ---------------------------------------------------------------------------------
+// --- bodies that end with the connection
+// ---------------------------------------------------------------------------------
 
 class BodyUntilCloseTest : public WireServerTest {};
 
@@ -208,7 +207,8 @@ TEST_F(BodyUntilCloseTest, NothingInItIsARequest) {
   EXPECT_EQ(callsOf("request"), 1u);
 }
 
-// --- bodies that are malformed -------------------------------------------------------------------------------------------
+// --- bodies that are malformed
+// -------------------------------------------------------------------------------------------
 
 struct MalformedCase {
   const char* name;
@@ -216,10 +216,8 @@ struct MalformedCase {
 };
 void PrintTo(const MalformedCase& row, std::ostream* out) { *out << row.name; }
 constexpr MalformedCase kMalformed[] = {
-    {"Extension", "5;x=1\r\nhello\r\n0\r\n\r\n"},
-    {"BadSize", "xyz\r\nhello\r\n0\r\n\r\n"},
-    {"NoEndOfChunk", "5\r\nhelloworld\r\n0\r\n\r\n"},
-    {"Trailer", "5\r\nhello\r\n0\r\nX-Trailer: y\r\n\r\n"},
+    {"Extension", "5;x=1\r\nhello\r\n0\r\n\r\n"},     {"BadSize", "xyz\r\nhello\r\n0\r\n\r\n"},
+    {"NoEndOfChunk", "5\r\nhelloworld\r\n0\r\n\r\n"}, {"Trailer", "5\r\nhello\r\n0\r\nX-Trailer: y\r\n\r\n"},
     {"NegativeSize", "-5\r\nhello\r\n0\r\n\r\n"},
 };
 class MalformedTest : public WireServerTest, public ::testing::WithParamInterface<MalformedCase> {};

@@ -29,7 +29,8 @@ class CycleTest : public WireServerTest {
   }
 };
 
-// --- traces and states -------------------------------------------------------------------------------------------------
+// --- traces and states
+// -------------------------------------------------------------------------------------------------
 
 TEST_F(CycleTest, GetThatIsKeptAliveAndLeft) {
   listen();
@@ -109,15 +110,15 @@ TEST_P(BodyTest, HeadAndBodyInTwoPieces) {
   ASSERT_TRUE(until([&] { return client.received() == okReply("hello"); })) << client.received();
   settle();
 
-  EXPECT_EQ(serverLines(trace),
-            joined({accepted(),
-                    headRead(GetParam().headers),
-                    {"[i]should handle body (#)", "[i]handled body state is now 2", "[i]more data is needed"},
-                    {"[i]connection available for read (#)", "[i]should handle body (#)",
-                     "[i]handled body state is now 3"},
-                    requestDone(okReply("hello").size(), 3),
-                    replyDone(),
-                    keptOpen()}));
+  EXPECT_EQ(
+      serverLines(trace),
+      joined({accepted(),
+              headRead(GetParam().headers),
+              {"[i]should handle body (#)", "[i]handled body state is now 2", "[i]more data is needed"},
+              {"[i]connection available for read (#)", "[i]should handle body (#)", "[i]handled body state is now 3"},
+              requestDone(okReply("hello").size(), 3),
+              replyDone(),
+              keptOpen()}));
 }
 
 TEST_F(CycleTest, HeadInManyPieces) {
@@ -130,19 +131,18 @@ TEST_F(CycleTest, HeadInManyPieces) {
   }
   ASSERT_TRUE(until([&] { return client.received() == okReply("/a"); })) << client.received();
   settle();
-  EXPECT_EQ(
-      serverLines(trace),
-      joined({accepted(),
-              {"[i]connection available for read (#)", switched("ACCEPTED", "RECEIVING_REQUEST"),
-               "[i]reading enveloppe (#)", "[i]more data is needed"},
-              {"[i]connection available for read (#)", "[i]reading enveloppe (#)", "[i]reading enveloppe (#)",
-               "[i]more data is needed"},
-              {"[i]connection available for read (#)", "[i]reading enveloppe (#)", "[i]reading enveloppe (#)",
-               "[i]more data is needed"},
-              {"[i]connection available for read (#)", "[i]reading enveloppe (#)"},
-              requestDone(okReply("/a").size(), 3),
-              replyDone(),
-              keptOpen()}));
+  EXPECT_EQ(serverLines(trace),
+            joined({accepted(),
+                    {"[i]connection available for read (#)", switched("ACCEPTED", "RECEIVING_REQUEST"),
+                     "[i]reading enveloppe (#)", "[i]more data is needed"},
+                    {"[i]connection available for read (#)", "[i]reading enveloppe (#)", "[i]reading enveloppe (#)",
+                     "[i]more data is needed"},
+                    {"[i]connection available for read (#)", "[i]reading enveloppe (#)", "[i]reading enveloppe (#)",
+                     "[i]more data is needed"},
+                    {"[i]connection available for read (#)", "[i]reading enveloppe (#)"},
+                    requestDone(okReply("/a").size(), 3),
+                    replyDone(),
+                    keptOpen()}));
 }
 
 // The reply is complete and has left before the request is: no event tells of its end any more.
@@ -161,16 +161,16 @@ TEST_F(CycleTest, ReplyThatHasLeftBeforeTheRequestIsDone) {
   ASSERT_TRUE(until([&] { return client.received() == okReply("early"); })) << client.received();
   settle();
   EXPECT_EQ(calls, (Calls{"request POST /a", "body", "body", "done 200"}));
-  EXPECT_EQ(serverLines(trace),
-            joined({accepted(),
-                    headRead(1),
-                    {"[i]should handle body (#)", "[i]handled body state is now 2", "[i]more data is needed"},
-                    {"[i]connection available for read (#)", "[i]should handle body (#)",
-                     "[i]handled body state is now 3"},
-                    requestDone(0, 3),
-                    {"[n]reply was already sent"},
-                    replyDone(),
-                    keptOpen()}));
+  EXPECT_EQ(
+      serverLines(trace),
+      joined({accepted(),
+              headRead(1),
+              {"[i]should handle body (#)", "[i]handled body state is now 2", "[i]more data is needed"},
+              {"[i]connection available for read (#)", "[i]should handle body (#)", "[i]handled body state is now 3"},
+              requestDone(0, 3),
+              {"[n]reply was already sent"},
+              replyDone(),
+              keptOpen()}));
 }
 
 TEST_F(CycleTest, AcceptOnAUnixSocketTellsThatTcpOptionsDoNotHold) {
@@ -180,14 +180,13 @@ TEST_F(CycleTest, AcceptOnAUnixSocketTellsThatTcpOptionsDoNotHold) {
   client.send(kGet);
   ASSERT_TRUE(until([&] { return client.received() == okReply("/a"); })) << client.received();
   settle();
-  EXPECT_EQ(serverLines(trace), joined({{"[n]accepting connection (#)",
-                                         "[x]unable to enable TCP_NODELAY: Operation not supported",
-                                         "[x]unable to enable TCP_CORK: Operation not supported",
-                                         switched("INIT", "ACCEPTED")},
-                                        headRead(1),
-                                        requestDone(okReply("/a").size(), 3),
-                                        replyDone(),
-                                        keptOpen()}));
+  EXPECT_EQ(serverLines(trace),
+            joined({{"[n]accepting connection (#)", "[x]unable to enable TCP_NODELAY: Operation not supported",
+                     "[x]unable to enable TCP_CORK: Operation not supported", switched("INIT", "ACCEPTED")},
+                    headRead(1),
+                    requestDone(okReply("/a").size(), 3),
+                    replyDone(),
+                    keptOpen()}));
 }
 
 TEST_F(CycleTest, TcpOptionsAreSetFromAcceptOn) {
@@ -214,7 +213,8 @@ TEST_F(CycleTest, TcpOptionsAreSetFromAcceptOn) {
   EXPECT_EQ(corkAfterReply, 1);
 }
 
-// --- keep or close -------------------------------------------------------------------------------------------------------
+// --- keep or close
+// -------------------------------------------------------------------------------------------------------
 
 struct KeepCase {
   const char* name;
@@ -262,13 +262,14 @@ TEST_P(KeepTest, KeepsOrCloses) {
   EXPECT_EQ(client.ended(), !row.keeps);
   EXPECT_FALSE(client.wasReset());
   EXPECT_EQ(calls, (Calls{"request GET /a", "done 200"}));
-  EXPECT_EQ(serverLines(trace), joined({accepted(), headRead(*row.requestHeaders != 0 ? 2 : 1),
-                                        requestDone(expected.size(), 3), replyDone(),
-                                        row.keeps ? keptOpen() : closedByServer()}));
+  EXPECT_EQ(serverLines(trace),
+            joined({accepted(), headRead(*row.requestHeaders != 0 ? 2 : 1), requestDone(expected.size(), 3),
+                    replyDone(), row.keeps ? keptOpen() : closedByServer()}));
   EXPECT_EQ(http().connectionCount, row.keeps ? 1 : 0);
 }
 
-// --- pipelining ------------------------------------------------------------------------------------------------------------
+// --- pipelining
+// ------------------------------------------------------------------------------------------------------------
 
 TEST_F(CycleTest, PipelinedRequestWaitsForTheReply) {
   listen();
@@ -309,8 +310,8 @@ TEST_F(CycleTest, PipelinedRequestsAreAllAnsweredInOrderWhereverTheyAreCut) {
     client.send(wire.substr(0, cut));
     settle();
     client.send(wire.substr(cut));
-    ASSERT_TRUE(until([&] { return client.received() == replies; }))
-        << "cut at octet " << cut << "\n" << client.received();
+    ASSERT_TRUE(until([&] { return client.received() == replies; })) << "cut at octet " << cut << "\n"
+                                                                     << client.received();
     settle();
     EXPECT_EQ(callsOf("request"), 5u);
     EXPECT_EQ(callsOf("done"), 5u);
@@ -358,7 +359,8 @@ TEST_F(CycleTest, PipelinedRequestBehindTheLastOneIsDropped) {
   EXPECT_EQ(calls, (Calls{"request GET /1", "done 200"}));
 }
 
-// --- clients that leave ----------------------------------------------------------------------------------------------------
+// --- clients that leave
+// ----------------------------------------------------------------------------------------------------
 
 TEST_F(CycleTest, ClientThatConnectsAndLeaves) {
   listen();
@@ -418,13 +420,12 @@ TEST_F(CycleTest, ClientThatLeavesWhileTheReplyIsAwaited) {
   ASSERT_TRUE(until([&] { return http().connectionCount == 0; }));
   EXPECT_EQ(calls, (Calls{"request GET /a", "done 0"}));
   EXPECT_EQ(http().repliesSent, 0);
-  EXPECT_EQ(
-      serverLines(trace),
-      joined({accepted(),
-              headRead(1),
-              requestDone(0, 0),
-              {"[i]connection available for read (#)", "[n]client closed the connection", "[n]connection closed (#)",
-               "[n]client closed connection while sending reply", switched("SENDING_REPLY", "REPLY_SENT")}}));
+  EXPECT_EQ(serverLines(trace), joined({accepted(),
+                                        headRead(1),
+                                        requestDone(0, 0),
+                                        {"[i]connection available for read (#)", "[n]client closed the connection",
+                                         "[n]connection closed (#)", "[n]client closed connection while sending reply",
+                                         switched("SENDING_REPLY", "REPLY_SENT")}}));
 }
 
 // With a pipelined byte unread nothing looks at the socket; the end of the client is noticed all the same.
@@ -449,7 +450,8 @@ TEST_F(CycleTest, ReplyToAClientThatHasFinishedSending) {
   EXPECT_EQ(calls, (Calls{"request GET /a", "done 200"}));
 }
 
-// --- requests that are refused -----------------------------------------------------------------------------------------------
+// --- requests that are refused
+// -----------------------------------------------------------------------------------------------
 
 struct RefusedCase {
   const char* name;
@@ -501,15 +503,15 @@ TEST_P(RefusedTest, ConnectionIsClosedAndTheErrorHandlerMayAnswer) {
   for (const std::string& line : serverLines(trace))
     if (line[0] == '[') own.push_back(line);
   if (row.inHeaders) {
-    EXPECT_EQ(own,
-              joined({accepted(),
-                      {"[i]connection available for read (#)", switched("ACCEPTED", "RECEIVING_REQUEST"),
-                       "[i]reading enveloppe (#)", "[x]unable to parse request", "[n]connection closed (#)",
-                       "[x]client closed connection while reading request"}}));
-  } else {
     EXPECT_EQ(own, joined({accepted(),
-                           {"[i]connection available for read (#)", switched("ACCEPTED", "ERROR"),
-                            "[n]connection closed (#)", "[x]closed while in state ERROR", "[x]calling error handler"}}));
+                           {"[i]connection available for read (#)", switched("ACCEPTED", "RECEIVING_REQUEST"),
+                            "[i]reading enveloppe (#)", "[x]unable to parse request", "[n]connection closed (#)",
+                            "[x]client closed connection while reading request"}}));
+  } else {
+    EXPECT_EQ(
+        own, joined({accepted(),
+                     {"[i]connection available for read (#)", switched("ACCEPTED", "ERROR"), "[n]connection closed (#)",
+                      "[x]closed while in state ERROR", "[x]calling error handler"}}));
   }
 }
 
@@ -543,15 +545,15 @@ TEST_F(CycleTest, BodyHandlerThatRefuses) {
   ASSERT_TRUE(until([&] { return client.ended(); }));
   EXPECT_EQ(takeReplies(client.received()).at(0).status(), 413u);
   EXPECT_EQ(calls, (Calls{"request POST /a", "body", "error"}));
-  EXPECT_EQ(serverLines(trace),
-            joined({accepted(),
-                    headRead(1),
-                    {"[i]should handle body (#)", "[i]handled body state is now 2",
-                     switched("RECEIVING_REQUEST", "REQUEST_RECEIVED"), "[n]connection closed (#)",
-                     "[x]closed while in state REQUEST_RECEIVED", "[x]calling error handler"}}));
+  EXPECT_EQ(serverLines(trace), joined({accepted(),
+                                        headRead(1),
+                                        {"[i]should handle body (#)", "[i]handled body state is now 2",
+                                         switched("RECEIVING_REQUEST", "REQUEST_RECEIVED"), "[n]connection closed (#)",
+                                         "[x]closed while in state REQUEST_RECEIVED", "[x]calling error handler"}}));
 }
 
-// --- versions ----------------------------------------------------------------------------------------------------------------
+// --- versions
+// ----------------------------------------------------------------------------------------------------------------
 
 TEST_F(CycleTest, ReplyHasTheVersionOfItsRequest) {
   listen();
@@ -562,7 +564,8 @@ TEST_F(CycleTest, ReplyHasTheVersionOfItsRequest) {
   }
 }
 
-// --- accept ------------------------------------------------------------------------------------------------------------------
+// --- accept
+// ------------------------------------------------------------------------------------------------------------------
 
 TEST_F(CycleTest, StartFailsOnAPeerThatHasEnded) {
   listen();
@@ -603,7 +606,8 @@ TEST_F(CycleTest, ConnectionThatCannotBeAcceptedForLackOfDescriptorsWaits) {
   EXPECT_TRUE(until([&] { return second.received() == okReply("/a"); })) << second.received();
 }
 
-// --- stop --------------------------------------------------------------------------------------------------------------------
+// --- stop
+// --------------------------------------------------------------------------------------------------------------------
 
 TEST_F(CycleTest, StopWithoutConnections) {
   listen();
@@ -646,9 +650,10 @@ TEST_F(CycleTest, StopWithAnIdleConnection) {
   settle();
   EXPECT_EQ(client.received(), "");
   EXPECT_EQ(calls, (Calls{"stopped"}));
-  EXPECT_EQ(serverLines(trace), joined({accepted(),
-                                        {"[n]closing client connection #", "[n]connection closed (#)",
-                                         "[n]closing kept-alive connection"}}));
+  EXPECT_EQ(
+      serverLines(trace),
+      joined({accepted(),
+              {"[n]closing client connection #", "[n]connection closed (#)", "[n]closing kept-alive connection"}}));
 }
 
 TEST_F(CycleTest, StopWithIdleKeptAliveAndBusyConnections) {

@@ -11,7 +11,8 @@
 
 namespace {
 
-// --- the last bytes of a reply arrive although input was left unread ---------------------------------------------------
+// --- the last bytes of a reply arrive although input was left unread
+// ---------------------------------------------------
 
 struct LastBytesCase {
   const char* name;
@@ -136,7 +137,8 @@ TEST_F(EndingTest, StoppedServerStillSendsAll) {
   EXPECT_EQ(calls.back(), "stopped");
 }
 
-// --- a body that the application does not read to its end ----------------------------------------------------------------
+// --- a body that the application does not read to its end
+// ----------------------------------------------------------------
 
 constexpr std::string_view kSmuggled = "GET /smuggled HTTP/1.1\r\nHost: x\r\n\r\n";
 
@@ -237,10 +239,9 @@ TEST_P(EarlyTest, ChunkedBodyOfManyChunks) {
 }
 TEST_P(EarlyTest, MultipartBody) {
   const std::string content = smugglingBody(20);
-  expectNothingSmuggled(
-      "POST /a HTTP/1.1\r\nContent-Type: multipart/form-data; boundary=b\r\nContent-Length: " +
-          std::to_string(content.size()) + "\r\n\r\n",
-      content);
+  expectNothingSmuggled("POST /a HTTP/1.1\r\nContent-Type: multipart/form-data; boundary=b\r\nContent-Length: " +
+                            std::to_string(content.size()) + "\r\n\r\n",
+                        content);
 }
 
 // A body that was read to its end before it was closed leaves the connection as it is.

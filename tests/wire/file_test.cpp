@@ -64,7 +64,8 @@ class FileTest : public WireServerTest {
   int result = 99;
 };
 
-// --- content types ---------------------------------------------------------------------------------------------------------
+// --- content types
+// ---------------------------------------------------------------------------------------------------------
 
 struct TypeCase {
   const char* name;
@@ -118,7 +119,8 @@ TEST_P(TypeTest, IsThatOfTheLastDot) {
   EXPECT_EQ(reply.header("Content-Length"), "7");
 }
 
-// --- which file ------------------------------------------------------------------------------------------------------------
+// --- which file
+// ------------------------------------------------------------------------------------------------------------
 
 struct FindCase {
   const char* name;
@@ -147,11 +149,7 @@ const FindCase kFinds[] = {
     {"NoGzipForIe6", {"a.css", "a.css.gz"}, "/a.css", kIe6, "200 type=text/css; charset=utf-8 a.css"},
     {"NothingButGzipForIe6", {"a.css.gz"}, "/a.css", kIe6, "404"},
     {"GzipAskedForItself", {"a.css.gz"}, "/a.css.gz", "", "200 type=text/css; charset=utf-8 a.css.gz"},
-    {"GzipOfGzip",
-     {"a.css.gz", "a.css.gz.gz"},
-     "/a.css.gz",
-     "",
-     "200 encoding=gzip a.css.gz.gz"},
+    {"GzipOfGzip", {"a.css.gz", "a.css.gz.gz"}, "/a.css.gz", "", "200 encoding=gzip a.css.gz.gz"},
 
     {"Index", {"index.html"}, "/", "", "200 type=text/html; charset=utf-8 index.html"},
     {"IndexForIe6", {"index.html"}, "/", kIe6, "200 type=text/html; charset=utf-8 index.html"},
@@ -211,7 +209,8 @@ TEST_P(FindTest, ServesTheRightFile) {
   }
 }
 
-// --- outside the root --------------------------------------------------------------------------------------------------------
+// --- outside the root
+// --------------------------------------------------------------------------------------------------------
 
 class RootTest : public FileTest {
  protected:
@@ -230,9 +229,9 @@ class RootTest : public FileTest {
 };
 
 TEST_F(RootTest, DotsThatLeadOut) {
-  for (const char* target : {"/../secret.txt", "/%2e%2e/secret.txt", "/%2E./secret.txt", "/..%2Fsecret.txt",
-                             "/sub/../../secret.txt", "/sub/%2e%2e/%2e%2e/secret.txt", "/./../secret.txt",
-                             "//../secret.txt", "/sub//..//../secret.txt"}) {
+  for (const char* target :
+       {"/../secret.txt", "/%2e%2e/secret.txt", "/%2E./secret.txt", "/..%2Fsecret.txt", "/sub/../../secret.txt",
+        "/sub/%2e%2e/%2e%2e/secret.txt", "/./../secret.txt", "//../secret.txt", "/sub//..//../secret.txt"}) {
     TraceCapture trace{"http-server"};
     EXPECT_EQ(get(target).wire, cannedReply(404, "Not Found")) << target;
     EXPECT_EQ(result, -1);
@@ -316,9 +315,8 @@ TEST_F(RootTest, UnreadableFile) {
   setfsuid(getuid());
   EXPECT_EQ(reply.wire, cannedReply(404, "Not Found"));
   EXPECT_EQ(result, -1);
-  EXPECT_EQ(trace.errors(),
-            (TraceLines{"http-se[x]unable to open path " + path + ": Permission denied",
-                        "http-se[x]unable to send file"}));
+  EXPECT_EQ(trace.errors(), (TraceLines{"http-se[x]unable to open path " + path + ": Permission denied",
+                                        "http-se[x]unable to send file"}));
 }
 
 // The page that tells of the failure is neither compressed nor of the type of the file.
@@ -353,7 +351,8 @@ TEST_F(RootTest, FilesThatComeAndGoAreServedWholeOrNotAtAll) {
   renaming.join();
 }
 
-// --- traces ------------------------------------------------------------------------------------------------------------------
+// --- traces
+// ------------------------------------------------------------------------------------------------------------------
 
 TEST_F(RootTest, TracesOfAFile) {
   struct stat status = {};
@@ -361,26 +360,24 @@ TEST_F(RootTest, TracesOfAFile) {
   TraceCapture trace{"http-server"};
   WireClient client(address());
   client.send("GET /sub/a.css HTTP/1.1\r\n\r\n");
-  const std::string expected =
-      "HTTP/1.1 200 OK\r\nContent-Type: text/css; charset=utf-8\r\nContent-Length: 1\r\n\r\na";
+  const std::string expected = "HTTP/1.1 200 OK\r\nContent-Type: text/css; charset=utf-8\r\nContent-Length: 1\r\n\r\na";
   ASSERT_TRUE(until([&] { return client.received() == expected; })) << client.received();
   settle();
   TraceLines lines = serverLines(trace);
   for (std::string& line : lines)
     if (line.rfind("[n]sending file descriptor ", 0) == 0) line = "[n]sending file descriptor *";
-  EXPECT_EQ(lines,
-            joined({accepted(),
-                    headRead(0),
-                    {"[n]sending static file", "[n]checking for availability of " + root + "/sub/a.css.gz",
-                     "[n]checking for availability of " + root + "/sub/a.css",
-                     "[n]sending file " + folder.at("www/sub/a.css"), "[n]sending file descriptor *",
-                     "[n]fd is backed by a file (" + std::to_string(status.st_ino) + "), Content-Length: 1"},
-                    requestDone(expected.size() - 1, 2),
-                    {"[n]connection output buffer is empty (#)", "[n]reply header sent, sending body"},
-                    {"[i]sending static file", "[n]detecting send method", "[n]trying send file",
-                     "[n]using sendfile to send fd", "[n]static file sent"},
-                    replyDone(),
-                    keptOpen()}));
+  EXPECT_EQ(lines, joined({accepted(),
+                           headRead(0),
+                           {"[n]sending static file", "[n]checking for availability of " + root + "/sub/a.css.gz",
+                            "[n]checking for availability of " + root + "/sub/a.css",
+                            "[n]sending file " + folder.at("www/sub/a.css"), "[n]sending file descriptor *",
+                            "[n]fd is backed by a file (" + std::to_string(status.st_ino) + "), Content-Length: 1"},
+                           requestDone(expected.size() - 1, 2),
+                           {"[n]connection output buffer is empty (#)", "[n]reply header sent, sending body"},
+                           {"[i]sending static file", "[n]detecting send method", "[n]trying send file",
+                            "[n]using sendfile to send fd", "[n]static file sent"},
+                           replyDone(),
+                           keptOpen()}));
 }
 
 TEST_F(RootTest, TracesOfTheSearch) {
@@ -393,10 +390,12 @@ TEST_F(RootTest, TracesOfTheSearch) {
   };
   const std::string checking = "http-se[n]checking for availability of " + root;
   const Row rows[] = {
-      {"/", "",
+      {"/",
+       "",
        {checking + "/.gz", checking + "/", "http-se[n]asking for a directory, checking for index.html",
         checking + "//index.html"}},
-      {"/d", "",
+      {"/d",
+       "",
        {checking + "/d.gz", "http-se[n]asking for a directory, checking for index.html.gz",
         checking + "/d.gz/index.html.gz", checking + "/d"}},
       {"/e.css", "", {checking + "/e.css.gz", "http-se[n]serving gzipped file"}},
@@ -415,7 +414,8 @@ TEST_F(RootTest, TracesOfTheSearch) {
   }
 }
 
-// --- the calls below ------------------------------------------------------------------------------------------------------------
+// --- the calls below
+// ------------------------------------------------------------------------------------------------------------
 
 TEST_F(RootTest, SendFileOfAMissingPath) {
   onRequest = [&](HttpRequest*, HttpReply* reply) {
@@ -426,8 +426,8 @@ TEST_F(RootTest, SendFileOfAMissingPath) {
   EXPECT_EQ(get("/").wire, cannedReply(404, "Not Found"));
   EXPECT_EQ(result, -1);
   EXPECT_TRUE(trace.has("http-se[n]sending file " + folder.at("missing")));
-  EXPECT_EQ(trace.errors(), (TraceLines{"http-se[x]unable to open path " + folder.at("missing") +
-                                        ": No such file or directory"}));
+  EXPECT_EQ(trace.errors(),
+            (TraceLines{"http-se[x]unable to open path " + folder.at("missing") + ": No such file or directory"}));
 }
 
 TEST_F(RootTest, SendFileWithHeadersOfTheApplication) {
@@ -458,7 +458,8 @@ TEST_F(RootTest, SendFdOfAFileInItsMiddle) {
   }
 }
 
-// --- sizes ------------------------------------------------------------------------------------------------------------------------
+// --- sizes
+// ------------------------------------------------------------------------------------------------------------------------
 
 struct SizeCase {
   const char* name;
@@ -467,11 +468,11 @@ struct SizeCase {
 };
 void PrintTo(const SizeCase& row, std::ostream* out) { *out << row.name; }
 constexpr SizeCase kSizes[] = {
-    {"Empty", 0, false},        {"EmptyCopied", 0, true},
-    {"One", 1, false},          {"OneCopied", 1, true},
-    {"Step", 4096, false},      {"StepCopied", 4096, true},
+    {"Empty", 0, false},         {"EmptyCopied", 0, true},
+    {"One", 1, false},           {"OneCopied", 1, true},
+    {"Step", 4096, false},       {"StepCopied", 4096, true},
     {"StepAndOne", 4097, false}, {"StepAndOneCopied", 4097, true},
-    {"Large", 5000000, false},  {"LargeCopied", 5000000, true},
+    {"Large", 5000000, false},   {"LargeCopied", 5000000, true},
 };
 class SizeTest : public FileTest, public ::testing::WithParamInterface<SizeCase> {};
 INSTANTIATE_TEST_SUITE_P(File, SizeTest, ::testing::ValuesIn(kSizes),
@@ -485,14 +486,15 @@ TEST_P(SizeTest, ArrivesWholeAndTheConnectionStaysInStep) {
   TraceCapture trace{"http-server"};
   WireClient client(address());
   client.send("GET /a HTTP/1.1\r\n\r\nGET /a HTTP/1.1\r\n\r\n");
-  const std::string once = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(content.size()) + "\r\n\r\n" + content;
+  const std::string once =
+      "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(content.size()) + "\r\n\r\n" + content;
   ASSERT_TRUE(until([&] { return client.receivedCount() >= 2 * once.size(); })) << client.receivedCount();
   settle();
   EXPECT_TRUE(client.received() == once + once);
   EXPECT_EQ(callsOf("done"), 2u);
   EXPECT_FALSE(client.ended());
-  EXPECT_TRUE(trace.has(withoutSendfile ? "http-se[n]using buffer copy to send fd"
-                                        : "http-se[n]using sendfile to send fd"));
+  EXPECT_TRUE(
+      trace.has(withoutSendfile ? "http-se[n]using buffer copy to send fd" : "http-se[n]using sendfile to send fd"));
   EXPECT_EQ(trace.has("http-se[n]trying send file"), !withoutSendfile);
   EXPECT_EQ(trace.errors(), TraceLines{});
 }
@@ -513,7 +515,8 @@ TEST_P(SizeTest, ArrivesWholeAtASlowReader) {
   EXPECT_EQ(trace.lines().size(), linesWhileFull) << "something ran although the socket was full";
 
   client.readAtMost(50000);
-  const std::string once = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(content.size()) + "\r\n\r\n" + content;
+  const std::string once =
+      "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(content.size()) + "\r\n\r\n" + content;
   ASSERT_TRUE(until([&] { return client.ended(); })) << client.receivedCount();
   EXPECT_TRUE(client.received() == once + once) << client.receivedCount();
   EXPECT_FALSE(client.wasReset());
@@ -572,9 +575,10 @@ TEST_F(HugeTest, IsSentToItsLastByte) {
         const std::string_view bytes(static_cast<const char*>(buffer), length);
         for (const Mark& mark : kMarks) {
           const off_t from = std::max(mark.at, written);
-          const off_t to = std::min<off_t>(mark.at + static_cast<off_t>(mark.text.size()),
-                                           written + static_cast<off_t>(length));
-          if (from < to) seen[mark.at] += bytes.substr(static_cast<size_t>(from - written), static_cast<size_t>(to - from));
+          const off_t to =
+              std::min<off_t>(mark.at + static_cast<off_t>(mark.text.size()), written + static_cast<off_t>(length));
+          if (from < to)
+            seen[mark.at] += bytes.substr(static_cast<size_t>(from - written), static_cast<size_t>(to - from));
         }
         written += static_cast<off_t>(length);
         return static_cast<ssize_t>(length);
@@ -592,7 +596,8 @@ TEST_F(HugeTest, IsSentToItsLastByte) {
   for (const Mark& mark : kMarks) EXPECT_EQ(seen[mark.at], mark.text);
 }
 
-// --- files that change while they are sent --------------------------------------------------------------------------------------------
+// --- files that change while they are sent
+// --------------------------------------------------------------------------------------------
 
 struct ChangeCase {
   const char* name;
@@ -703,7 +708,8 @@ TEST_P(ChangeTest, PipelinedRequestWaits) {
   EXPECT_TRUE(client->received() == head_ + content_ + head_ + content_);
 }
 
-// --- pipes and sockets ------------------------------------------------------------------------------------------------------------------
+// --- pipes and sockets
+// ------------------------------------------------------------------------------------------------------------------
 
 enum class Kind { Pipe, Socket };
 struct StreamCase {
@@ -820,7 +826,8 @@ TEST_P(StreamTest, LargeStreamToASlowReader) {
     if (fed < content.size()) fed += feed(std::string_view(content).substr(fed));
     if (fed == content.size()) writer.reset();
     return client.ended();
-  })) << fed << " fed, received " << client.receivedCount();
+  })) << fed
+      << " fed, received " << client.receivedCount();
   EXPECT_TRUE(client.received() == head_ + content) << client.receivedCount();
 }
 
@@ -866,7 +873,8 @@ TEST_P(StreamTest, ServerThatStopsWaitsForTheEnd) {
   EXPECT_EQ(client.received(), head_ + "last");
 }
 
-// --- descriptors that cannot be read ----------------------------------------------------------------------------------------------------
+// --- descriptors that cannot be read
+// ----------------------------------------------------------------------------------------------------
 
 TEST_F(FileTest, FolderAsADescriptor) {
   descriptor = [&] { return open(folder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); };
@@ -890,7 +898,8 @@ TEST_F(FileTest, ClosedDescriptor) {
   EXPECT_EQ(http().connectionCount, 0);
 }
 
-// --- files from other places than the request handler ----------------------------------------------------------------------------------
+// --- files from other places than the request handler
+// ----------------------------------------------------------------------------------
 
 TEST_F(FileTest, FromATimer) {
   const std::string content = pattern(100000);

@@ -35,7 +35,8 @@ constexpr WireCase kWires[] = {
     {"MalformedBody", "POST /a HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\nxyz\r\n"},
 };
 
-// --- handlers that are missing -------------------------------------------------------------------------------------------
+// --- handlers that are missing
+// -------------------------------------------------------------------------------------------
 
 class MissingHandlerTest : public WireServerTest, public ::testing::WithParamInterface<WireCase> {
  protected:
@@ -111,7 +112,8 @@ TEST_F(HandlerTest, RequestIsAnsweredWithoutAReplyDoneHandler) {
   EXPECT_EQ(client.received(), okReply("/1") + okReply("/2"));
 }
 
-// --- handlers that end their connection ------------------------------------------------------------------------------------
+// --- handlers that end their connection
+// ------------------------------------------------------------------------------------
 
 enum class In { Request, Body, ReplyDone, Error };
 enum class How { Destroy, Close, DestroyAndFail, AnswerAndDestroy };
@@ -226,7 +228,8 @@ TEST_F(HandlerTest, HandlerEndsAnotherConnection) {
   EXPECT_EQ(http().connectionCount, 1);
 }
 
-// --- handlers that stop the server -----------------------------------------------------------------------------------------
+// --- handlers that stop the server
+// -----------------------------------------------------------------------------------------
 
 struct StopCase {
   const char* name;
@@ -302,7 +305,8 @@ TEST_F(HandlerTest, StoppedHandlerMayFreeTheServer) {
   settle();
 }
 
-// --- replies that come later -------------------------------------------------------------------------------------------------
+// --- replies that come later
+// -------------------------------------------------------------------------------------------------
 
 class LateTest : public WireServerTest {
  protected:
@@ -477,7 +481,8 @@ TEST_F(LateTest, ReplyBeginsBeforeTheBodyHasCome) {
   EXPECT_EQ(callsOf("done"), 1u);
 }
 
-// --- clients that vanish while the reply is being produced ---------------------------------------------------------------------
+// --- clients that vanish while the reply is being produced
+// ---------------------------------------------------------------------
 
 struct VanishCase {
   const char* name;
@@ -487,9 +492,12 @@ struct VanishCase {
 };
 void PrintTo(const VanishCase& row, std::ostream* out) { *out << row.name; }
 constexpr VanishCase kVanishes[] = {
-    {"LengthLeaves", "Content-Length", "10000000", false},  {"LengthResets", "Content-Length", "10000000", true},
-    {"ChunkedLeaves", "Transfer-Encoding", "chunked", false}, {"ChunkedResets", "Transfer-Encoding", "chunked", true},
-    {"CloseLeaves", "Connection", "close", false},          {"CloseResets", "Connection", "close", true},
+    {"LengthLeaves", "Content-Length", "10000000", false},
+    {"LengthResets", "Content-Length", "10000000", true},
+    {"ChunkedLeaves", "Transfer-Encoding", "chunked", false},
+    {"ChunkedResets", "Transfer-Encoding", "chunked", true},
+    {"CloseLeaves", "Connection", "close", false},
+    {"CloseResets", "Connection", "close", true},
 };
 class VanishTest : public WireServerTest, public ::testing::WithParamInterface<VanishCase> {};
 INSTANTIATE_TEST_SUITE_P(Handlers, VanishTest, ::testing::ValuesIn(kVanishes),

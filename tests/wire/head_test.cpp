@@ -93,8 +93,8 @@ const MakerCase kMakers[] = {
        return http_replyWithRedirect(reply, 302, "/else/%s", "where");
      },
      true},
-    {"Chunked",
-     [](WireServerTest&, HttpRequest*, HttpReply* reply, const std::string&) { return chunkedReply(reply); }, true},
+    {"Chunked", [](WireServerTest&, HttpRequest*, HttpReply* reply, const std::string&) { return chunkedReply(reply); },
+     true},
     {"UntilClose",
      [](WireServerTest&, HttpRequest*, HttpReply* reply, const std::string&) { return replyUntilClose(reply); }, false},
     {"Pipe", [](WireServerTest&, HttpRequest*, HttpReply* reply, const std::string&) { return sendPipe(reply); },

@@ -16,14 +16,15 @@ namespace {
 
 using Arguments = std::vector<std::string>;
 
-// --- the command line ------------------------------------------------------------------------------------------------------
+// --- the command line
+// ------------------------------------------------------------------------------------------------------
 
-struct Run {
+struct Ended {
   std::string outcome;
   std::string output;
   std::string errors;
 };
-Run run(const Arguments& arguments) {
+Ended run(const Arguments& arguments) {
   ChildProcess process(daemonCommand(arguments));
   EXPECT_TRUE(waitUntil([&] { return process.ended(); }));
   return {process.outcome(), process.output(), process.errors()};
@@ -63,7 +64,7 @@ INSTANTIATE_TEST_SUITE_P(Krohttpd, WrongOptionTest, ::testing::ValuesIn(kWrong),
                          [](const auto& parameter) { return parameter.param.name; });
 
 TEST_P(WrongOptionTest, IsToldInOneLine) {
-  const Run result = run(GetParam().arguments);
+  const Ended result = run(GetParam().arguments);
   EXPECT_EQ(result.outcome, "exit 2");
   EXPECT_EQ(result.output, "");
   EXPECT_EQ(linesOf(result.errors).size(), 1u) << result.errors;
@@ -106,17 +107,15 @@ class KrohttpdTest : public ::testing::Test {
 };
 
 TEST_F(KrohttpdTest, Version) {
-  for (const char* option : {"--version"}) {
-    const Run result = run({option});
-    EXPECT_EQ(result.outcome, "exit 0");
-    EXPECT_EQ(result.output, "krohttpd " KROHTTPD_VERSION "\n");
-    EXPECT_EQ(result.errors, "");
-  }
+  const Ended result = run({"--version"});
+  EXPECT_EQ(result.outcome, "exit 0");
+  EXPECT_EQ(result.output, "krohttpd " KROHTTPD_VERSION "\n");
+  EXPECT_EQ(result.errors, "");
 }
 
 TEST_F(KrohttpdTest, Help) {
   for (const char* option : {"--help", "-h"}) {
-    const Run result = run({option});
+    const Ended result = run({option});
     EXPECT_EQ(result.outcome, "exit 0");
     EXPECT_EQ(result.errors, "");
     for (const char* word : {"--listen", "--root", "--demo", "--access-log", "--trace", "--version", "--help"})
@@ -127,7 +126,7 @@ TEST_F(KrohttpdTest, Help) {
 TEST_F(KrohttpdTest, AddressInUse) {
   Daemon first(demo());
   const std::string port = std::to_string(first.address().port);
-  const Run result = run({"--demo", "--listen", "127.0.0.1:0", "--listen", "127.0.0.1:" + port});
+  const Ended result = run({"--demo", "--listen", "127.0.0.1:0", "--listen", "127.0.0.1:" + port});
   EXPECT_EQ(result.outcome, "exit 1");
   EXPECT_EQ(linesOf(result.errors).size(), 1u) << result.errors;
   EXPECT_EQ(result.errors.rfind("krohttpd: ", 0), 0u) << result.errors;
@@ -139,7 +138,7 @@ TEST_F(KrohttpdTest, AddressInUse) {
 TEST_F(KrohttpdTest, UnixSocketInUse) {
   TemporaryFolder folder;
   Daemon first({"--demo", "--listen", "unix:" + folder.at("socket")});
-  const Run result = run({"--demo", "--listen", "unix:" + folder.at("socket")});
+  const Ended result = run({"--demo", "--listen", "unix:" + folder.at("socket")});
   EXPECT_EQ(result.outcome, "exit 1");
   EXPECT_EQ(linesOf(result.errors).size(), 1u) << result.errors;
   EXPECT_EQ(askOne(first.address(), get("/hello")).status(), 200u);
@@ -160,21 +159,23 @@ TEST_F(KrohttpdTest, UnixSocketLeftByACrash) {
 TEST_F(KrohttpdTest, AddressesThatCannotBeHad) {
   const Arguments addresses = {"192.0.2.1:0", "unix:/nonexistent/socket", "unix:/" + std::string(200, 'a')};
   for (const std::string& address : addresses) {
-    const Run result = run({"--demo", "--listen", address});
+    const Ended result = run({"--demo", "--listen", address});
     EXPECT_EQ(result.outcome, "exit 1") << address;
     EXPECT_EQ(linesOf(result.errors).size(), 1u) << result.errors;
-    EXPECT_NE(result.errors.find(address), std::string::npos) << result.errors;
+    const std::string_view place = std::string_view(address).substr(address.rfind("unix:", 0) == 0 ? 5 : 0);
+    EXPECT_NE(result.errors.find(place), std::string::npos) << result.errors;
   }
 }
 
 TEST_F(KrohttpdTest, AccessLogThatCannotBeOpened) {
-  const Run result = run(demo({"--access-log", "/nonexistent/log"}));
+  const Ended result = run(demo({"--access-log", "/nonexistent/log"}));
   EXPECT_EQ(result.outcome, "exit 1");
   EXPECT_EQ(linesOf(result.errors).size(), 1u) << result.errors;
   EXPECT_NE(result.errors.find("/nonexistent/log"), std::string::npos) << result.errors;
 }
 
-// --- listening ---------------------------------------------------------------------------------------------------------------
+// --- listening
+// ---------------------------------------------------------------------------------------------------------------
 
 TEST_F(KrohttpdTest, ListensInSeveralPlacesAtOnce) {
   TemporaryFolder folder;
@@ -190,7 +191,8 @@ TEST_F(KrohttpdTest, ListensInSeveralPlacesAtOnce) {
   EXPECT_NE(access(folder.at("socket").c_str(), F_OK), 0) << "the socket was left behind";
 }
 
-// --- the pages -----------------------------------------------------------------------------------------------------------------
+// --- the pages
+// -----------------------------------------------------------------------------------------------------------------
 
 TEST_F(KrohttpdTest, Hello) {
   Daemon daemon(demo());
@@ -225,7 +227,7 @@ TEST_F(KrohttpdTest, Status) {
   Daemon daemon(demo());
   WireClient idle(daemon.address());
   idle.send("GET /hello HTTP/1.1\r\nHost: x\r\n\r\n");
-  ASSERT_TRUE(waitUntil([&] { return !takeReplies(idle.received()).empty(); }));
+  ASSERT_TRUE(waitUntil([&] { return countReplies(idle.received()) == 1; }));
   const WireReply reply = askOne(daemon.address(), get("/status"));
   EXPECT_EQ(reply.header("Content-Type"), "application/json");
   EXPECT_EQ(reply.header("Content-Length"), std::to_string(reply.body.size()));
@@ -244,7 +246,8 @@ struct EchoCase {
   size_t size;
 };
 void PrintTo(const EchoCase& row, std::ostream* out) { *out << row.name; }
-constexpr EchoCase kEchoes[] = {{"Empty", 0}, {"One", 1}, {"Block", 4096}, {"BlockAndOne", 4097}, {"Mebibyte", 1 << 20}};
+constexpr EchoCase kEchoes[] = {
+    {"Empty", 0}, {"One", 1}, {"Block", 4096}, {"BlockAndOne", 4097}, {"Mebibyte", 1 << 20}};
 class EchoTest : public KrohttpdTest, public ::testing::WithParamInterface<EchoCase> {};
 INSTANTIATE_TEST_SUITE_P(Krohttpd, EchoTest, ::testing::ValuesIn(kEchoes),
                          [](const auto& parameter) { return parameter.param.name; });
@@ -263,19 +266,29 @@ TEST_P(EchoTest, GivesBackWhatItGot) {
       {"length", post("/echo", type + length, content), "HTTP/1.1"},
       {"chunked", post("/echo", type + "Transfer-Encoding: chunked\r\n", chunked(content, 10000)), "HTTP/1.1"},
       {"small chunks", post("/echo", type + "Transfer-Encoding: chunked\r\n", chunked(content, 1000)), "HTTP/1.1"},
-      {"until the end", post("/echo", type, content), "HTTP/1.1"},
       {"length, HTTP/1.0", "POST /echo HTTP/1.0\r\n" + type + length + "\r\n" + content, "HTTP/1.0"},
-      {"until the end, HTTP/1.0", "POST /echo HTTP/1.0\r\n" + type + "\r\n" + content, "HTTP/1.0"},
   };
   for (const Row& row : rows) {
     const WireReply reply = askOne(daemon.address(), row.wire);
     EXPECT_EQ(reply.statusLine, std::string(row.version) + " 200 OK") << row.name;
-    EXPECT_EQ(reply.header("Content-Type"), "x/y; z=1") << row.name;
+    if (!content.empty()) {
+      EXPECT_EQ(reply.header("Content-Type"), "x/y; z=1") << row.name;
+    }
     EXPECT_TRUE(reply.body == content) << row.name << ": " << reply.body.size();
     if (row.version == std::string_view("HTTP/1.0")) {
       EXPECT_FALSE(reply.has("Transfer-Encoding")) << row.name;
     }
   }
+}
+
+// Nothing tells of a body, so there is none to wait for.
+TEST_F(KrohttpdTest, EchoWithoutALength) {
+  Daemon daemon(demo());
+  WireClient client(daemon.address());
+  client.send("POST /echo HTTP/1.1\r\nHost: x\r\n\r\n");
+  ASSERT_TRUE(waitUntil([&] { return countReplies(client.received()) == 1; })) << client.received();
+  EXPECT_EQ(takeReplies(client.received())[0].status(), 200u);
+  EXPECT_EQ(takeReplies(client.received())[0].body, "");
 }
 
 // Written and read at different speeds, more than all buffers hold.
@@ -289,17 +302,59 @@ TEST_P(EchoTest, ToAClientThatReadsSlowly) {
   EXPECT_TRUE(takeReplies(client.received(), true).at(0).body == content);
 }
 
+// The client is made to wait: what it does not take back is not collected.
+TEST_F(KrohttpdTest, EchoToAClientThatDoesNotRead) {
+  const std::string content = pattern(64 << 20);
+  Daemon daemon(demo());
+  for (const bool inChunks : {false, true}) {
+    WireClient client(daemon.address());
+    client.readAtMost(0);
+    if (inChunks) {
+      client.send(post("/echo", "Transfer-Encoding: chunked\r\n", chunked(content, 100000)));
+    } else {
+      client.send(post("/echo", "Content-Length: " + std::to_string(content.size()) + "\r\n", content));
+    }
+    size_t before = 0;
+    int still = 0;
+    ASSERT_TRUE(waitUntil([&] {
+      still = client.sentCount() == before ? still + 1 : 0;
+      before = client.sentCount();
+      return still > 100 || client.allSent();
+    }));
+    EXPECT_LT(client.sentCount(), content.size() / 2);
+    client.readAtMost(SIZE_MAX);
+    ASSERT_TRUE(waitUntil([&] { return client.ended(); }));
+    const std::vector<WireReply> replies = takeReplies(client.received(), true);
+    ASSERT_EQ(replies.size(), 1u);
+    EXPECT_TRUE(replies[0].body == content) << replies[0].body.size();
+  }
+}
+
+TEST_F(KrohttpdTest, EchoOfABodyThatBreaksOff) {
+  Daemon daemon(demo());
+  for (const char* body : {"xyz\r\n", "5\r\nhelloworld", "5\r\nhello\r\nxyz\r\n", "5\r\nhel", "5"}) {
+    WireClient client(daemon.address());
+    client.send(post("/echo", "Transfer-Encoding: chunked\r\n", body)).finish();
+    ASSERT_TRUE(waitUntil([&] { return client.ended(); })) << body;
+    // It cannot be taken for a whole one.
+    for (const WireReply& reply : takeReplies(client.received()))
+      EXPECT_TRUE(reply.statusLine == "leftover" || reply.status() == 400) << reply.wire;
+  }
+}
+
 TEST_F(KrohttpdTest, EchoesInAPipeline) {
   Daemon daemon(demo());
   std::string wire;
   for (int i = 0; i < 50; ++i) {
-    wire += "POST /echo HTTP/1.1\r\nHost: x\r\nContent-Length: " + std::to_string(i) + "\r\n\r\n" + pattern(100).substr(0, i);
-    wire += "POST /echo HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n" + chunked(pattern(100).substr(0, i), 7);
+    wire += "POST /echo HTTP/1.1\r\nHost: x\r\nContent-Length: " + std::to_string(i) + "\r\n\r\n" +
+            pattern(100).substr(0, i);
+    wire +=
+        "POST /echo HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n" + chunked(pattern(100).substr(0, i), 7);
   }
   WireClient client(daemon.address());
   client.send(wire);
-  std::vector<WireReply> replies;
-  ASSERT_TRUE(waitUntil([&] { return (replies = takeReplies(client.received())).size() == 100; })) << replies.size();
+  ASSERT_TRUE(waitUntil([&] { return countReplies(client.received()) == 100; })) << client.received().size();
+  const std::vector<WireReply> replies = takeReplies(client.received());
   for (size_t i = 0; i < 100; ++i) EXPECT_EQ(replies[i].body, pattern(100).substr(0, i / 2)) << i;
 }
 
@@ -308,20 +363,19 @@ TEST_F(KrohttpdTest, ExpectContinue) {
   constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
   WireClient client(daemon.address());
   client.send("POST /echo HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: 5\r\n\r\n");
-  ASSERT_TRUE(waitUntil([&] { return client.received() == kContinue; })) << client.received();
+  ASSERT_TRUE(waitUntil([&] { return client.received().rfind(kContinue, 0) == 0; })) << client.received();
   client.send("hello");
-  ASSERT_TRUE(waitUntil([&] { return takeReplies(client.received().substr(kContinue.size())).size() == 1; }));
+  ASSERT_TRUE(waitUntil([&] { return countReplies(client.received().substr(kContinue.size())) == 1; }));
   const std::string first = client.take();
   EXPECT_EQ(takeReplies(first.substr(kContinue.size())).at(0).body, "hello");
 
   // Case does not matter, and the next request on the connection gets one of its own.
   client.send("POST /echo HTTP/1.1\r\nHost: x\r\nexpect: 100-Continue\r\nTransfer-Encoding: chunked\r\n\r\n");
-  ASSERT_TRUE(waitUntil([&] { return client.received() == kContinue; })) << client.received();
+  ASSERT_TRUE(waitUntil([&] { return client.received().rfind(kContinue, 0) == 0; })) << client.received();
   client.send("5\r\nhello\r\n0\r\n\r\n");
-  ASSERT_TRUE(waitUntil([&] {
-    const auto replies = takeReplies(client.received().substr(kContinue.size()));
-    return replies.size() == 1 && replies[0].body == "hello";
-  })) << client.received();
+  ASSERT_TRUE(waitUntil([&] { return countReplies(client.received().substr(kContinue.size())) == 1; }))
+      << client.received();
+  EXPECT_EQ(takeReplies(client.received().substr(kContinue.size())).at(0).body, "hello");
 }
 
 TEST_F(KrohttpdTest, ExpectContinueOfHttp10IsIgnored) {
@@ -337,11 +391,12 @@ TEST_F(KrohttpdTest, ExpectContinueOfARefusedRequest) {
   Daemon daemon(demo());
   WireClient client(daemon.address());
   client.send("POST /hello HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: 50000000\r\n\r\n");
-  ASSERT_TRUE(waitUntil([&] { return takeReplies(client.received()).size() == 1; })) << client.received();
+  ASSERT_TRUE(waitUntil([&] { return countReplies(client.received()) == 1; })) << client.received();
   EXPECT_EQ(takeReplies(client.received())[0].status(), 405u);
 }
 
-// --- what is refused -------------------------------------------------------------------------------------------------------------
+// --- what is refused
+// -------------------------------------------------------------------------------------------------------------
 
 struct RefusedCase {
   const char* name;
@@ -366,19 +421,18 @@ const RefusedCase kRefused[] = {
     {"NoVersion", "GET /hello\r\n\r\n", 400},
     {"NoWords", "hello\r\n\r\n", 400},
     {"HeaderWithoutColon", "GET /hello HTTP/1.1\r\nHost: x\r\nnonsense\r\n\r\n", 400},
-    {"ControlCharacterInThePath", "GET /a%00b HTTP/1.1\r\nHost: x\r\n\r\n", 400},
+    {"ControlCharacterInThePath", "GET /a%01b HTTP/1.1\r\nHost: x\r\n\r\n", 400},
     {"MissingFile", "GET /missing HTTP/1.1\r\nHost: x\r\n\r\n", 404},
     {"LeadingOut", "GET /../secret.txt HTTP/1.1\r\nHost: x\r\n\r\n", 404},
     {"LeadingOutEncoded", "GET /%2e%2e/secret.txt HTTP/1.1\r\nHost: x\r\n\r\n", 404},
     {"SiblingOfTheRoot", "GET /../root2/a.css HTTP/1.1\r\nHost: x\r\n\r\n", 404},
     {"LinkOut", "GET /link HTTP/1.1\r\nHost: x\r\n\r\n", 404},
-    {"MalformedChunk", "POST /echo HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\nxyz\r\n", 400},
 };
-class RefusedTest : public KrohttpdTest, public ::testing::WithParamInterface<RefusedCase> {};
-INSTANTIATE_TEST_SUITE_P(Krohttpd, RefusedTest, ::testing::ValuesIn(kRefused),
+class KrohttpdRefusedTest : public KrohttpdTest, public ::testing::WithParamInterface<RefusedCase> {};
+INSTANTIATE_TEST_SUITE_P(Krohttpd, KrohttpdRefusedTest, ::testing::ValuesIn(kRefused),
                          [](const auto& parameter) { return parameter.param.name; });
 
-TEST_P(RefusedTest, WithItsStatus) {
+TEST_P(KrohttpdRefusedTest, WithItsStatus) {
   TemporaryFolder folder;
   folder.file("root/a.css", "a");
   folder.file("root2/a.css", "sibling");
@@ -413,7 +467,8 @@ TEST_F(KrohttpdTest, AmbiguousLengthsEndTheConnection) {
       "POST /echo HTTP/1.1\r\nHost: x\r\nContent-Length: 5\r\nContent-Length: 6\r\n\r\nhello" + smuggled,
       "POST /echo HTTP/1.1\r\nHost: x\r\nContent-Length: 5x\r\n\r\nhello" + smuggled,
       "POST /echo HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: gzip, chunked\r\n\r\n0\r\n\r\n" + smuggled,
-      "POST /echo HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\nTransfer-Encoding: gzip\r\n\r\n0\r\n\r\n" + smuggled,
+      "POST /echo HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\nTransfer-Encoding: gzip\r\n\r\n0\r\n\r\n" +
+          smuggled,
   };
   for (const std::string& wire : rows) {
     WireClient client(daemon.address());
@@ -423,7 +478,8 @@ TEST_F(KrohttpdTest, AmbiguousLengthsEndTheConnection) {
   }
 }
 
-// --- HEAD and OPTIONS --------------------------------------------------------------------------------------------------------------
+// --- HEAD and OPTIONS
+// --------------------------------------------------------------------------------------------------------------
 
 TEST_F(KrohttpdTest, Head) {
   TemporaryFolder folder;
@@ -459,14 +515,16 @@ TEST_F(KrohttpdTest, Options) {
   EXPECT_EQ(reply.body, "");
 }
 
-// --- files -------------------------------------------------------------------------------------------------------------------------
+// --- files
+// -------------------------------------------------------------------------------------------------------------------------
 
 TEST_F(KrohttpdTest, RootWithoutASlashAndRelative) {
   TemporaryFolder folder;
   folder.file("root/a.css", "a");
   folder.file("root2/a.css", "sibling");
   ASSERT_EQ(symlink("root", folder.at("link").c_str()), 0);
-  for (const std::string& root : {folder.at("root"), folder.at("root/"), folder.at("root/../root"), folder.at("link")}) {
+  for (const std::string& root :
+       {folder.at("root"), folder.at("root/"), folder.at("root/../root"), folder.at("link")}) {
     Daemon daemon({"--listen", "127.0.0.1:0", "--root", root});
     EXPECT_EQ(askOne(daemon.address(), get("/a.css")).body, "a") << root;
     EXPECT_EQ(askOne(daemon.address(), get("/../root2/a.css")).status(), 404u) << root;
@@ -494,7 +552,8 @@ TEST_F(KrohttpdTest, LargeFileToManyReadersOfWhomSomeLeave) {
   }
 }
 
-// --- the access log -----------------------------------------------------------------------------------------------------------------
+// --- the access log
+// -----------------------------------------------------------------------------------------------------------------
 
 class AccessLogTest : public KrohttpdTest {
  protected:
@@ -578,7 +637,8 @@ TEST_F(AccessLogTest, OnStandardOutput) {
   EXPECT_NE(daemon.process().output().find("\"GET /hello HTTP/1.1\" 200 13\n"), std::string::npos);
 }
 
-// --- traces --------------------------------------------------------------------------------------------------------------------------
+// --- traces
+// --------------------------------------------------------------------------------------------------------------------------
 
 TEST_F(KrohttpdTest, TracesGoToStandardErrorByZoneAndLevel) {
   struct Row {
@@ -613,7 +673,8 @@ TEST_F(KrohttpdTest, TracesGoToStandardErrorByZoneAndLevel) {
   }
 }
 
-// --- the end -------------------------------------------------------------------------------------------------------------------------
+// --- the end
+// -------------------------------------------------------------------------------------------------------------------------
 
 struct SignalCase {
   const char* name;
@@ -657,7 +718,7 @@ INSTANTIATE_TEST_SUITE_P(Krohttpd, SignalTest, ::testing::ValuesIn(kSignals),
 TEST_P(SignalTest, EndsAtOnceWhenIdle) {
   WireClient idle(daemon_->address());
   idle.send("GET /hello HTTP/1.1\r\nHost: x\r\n\r\n");
-  ASSERT_TRUE(waitUntil([&] { return takeReplies(idle.received()).size() == 1; }));
+  ASSERT_TRUE(waitUntil([&] { return countReplies(idle.received()) == 1; }));
   daemon_->process().signal(GetParam().number);
   ASSERT_TRUE(waitUntil([&] { return daemon_->process().ended() && idle.ended(); }));
   EXPECT_EQ(daemon_->process().outcome(), "exit 0");

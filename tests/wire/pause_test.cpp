@@ -34,7 +34,8 @@ class PauseTest : public WireServerTest {
 
 constexpr std::string_view kPost = "POST /a HTTP/1.1\r\nContent-Length: 10\r\n\r\n0123456789";
 
-// --- without a connection ------------------------------------------------------------------------------------------------
+// --- without a connection
+// ------------------------------------------------------------------------------------------------
 
 TEST_F(PauseTest, RequestWithoutAPeerIsRefused) {
   struct Row {
@@ -78,7 +79,8 @@ TEST_F(PauseTest, PeerThatHasEndedRefuses) {
                                "http-se[n]resuming request", "http-se[x]unable to resume request"}));
 }
 
-// --- pause -----------------------------------------------------------------------------------------------------------------
+// --- pause
+// -----------------------------------------------------------------------------------------------------------------
 
 TEST_F(PauseTest, FromTheBodyHandlerUntilATimer) {
   listen();
@@ -90,10 +92,10 @@ TEST_F(PauseTest, FromTheBodyHandlerUntilATimer) {
   EXPECT_EQ(callsOf("body"), 1u);
   EXPECT_EQ(body, "0123");
   EXPECT_EQ(request->message.paused, HTTP_MSG_PAUSED);
-  EXPECT_EQ(serverLines(trace), joined({accepted(),
-                                        headRead(1),
-                                        {"[i]should handle body (#)", "[n]pausing request",
-                                         "[i]request is paused, stop processing it"}}));
+  EXPECT_EQ(serverLines(trace),
+            joined({accepted(),
+                    headRead(1),
+                    {"[i]should handle body (#)", "[n]pausing request", "[i]request is paused, stop processing it"}}));
   const auto* connectionOfRequest = static_cast<HttpServerConnection*>(peer_userData(http_requestPeer(request)));
   EXPECT_EQ(connectionOfRequest->state, HTTP_SERVER_RECEIVING_REQUEST);
   EXPECT_NE(request->message.body, nullptr);
@@ -264,7 +266,8 @@ TEST_F(PauseTest, RequestThatIsNeverResumedKeepsItsConnectionPaused) {
   ASSERT_TRUE(until([&] { return client.received() == okReply("/1") + okReply("/2"); }));
 }
 
-// --- temporize ---------------------------------------------------------------------------------------------------------------
+// --- temporize
+// ---------------------------------------------------------------------------------------------------------------
 
 TEST_F(PauseTest, TemporizedGoesOnWithTheNextReadEvent) {
   listen();
@@ -275,17 +278,17 @@ TEST_F(PauseTest, TemporizedGoesOnWithTheNextReadEvent) {
   ASSERT_TRUE(until([&] { return client.received() == okReply("0123456789"); })) << client.received();
   settle();
   EXPECT_EQ(callsOf("body"), 3u);
-  EXPECT_EQ(serverLines(trace),
-            joined({accepted(),
-                    headRead(1),
-                    {"[i]should handle body (#)", "[n]pausing request", "[i]request is paused, stop processing it"},
-                    {"[i]connection available for read (#)", "[i]should handle body (#)", "[n]pausing request",
-                     "[i]request is paused, stop processing it"},
-                    {"[i]connection available for read (#)", "[i]should handle body (#)",
-                     "[i]handled body state is now 3"},
-                    requestDone(okReply("0123456789").size(), 3),
-                    replyDone(),
-                    keptOpen()}));
+  EXPECT_EQ(
+      serverLines(trace),
+      joined({accepted(),
+              headRead(1),
+              {"[i]should handle body (#)", "[n]pausing request", "[i]request is paused, stop processing it"},
+              {"[i]connection available for read (#)", "[i]should handle body (#)", "[n]pausing request",
+               "[i]request is paused, stop processing it"},
+              {"[i]connection available for read (#)", "[i]should handle body (#)", "[i]handled body state is now 3"},
+              requestDone(okReply("0123456789").size(), 3),
+              replyDone(),
+              keptOpen()}));
 }
 
 TEST_F(PauseTest, TemporizedFromTheRequestHandler) {
