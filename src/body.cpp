@@ -25,8 +25,7 @@ constexpr size_t kChunkLine = 256;
 // The largest chunk whose size line still fits its ten bytes.
 constexpr size_t kLargestChunk = 0xFFFFFFF;
 
-// --- contexts
-// ---------------------------------------------------------------------------------------------------------
+// --- contexts --------------------------------------------------------------------------------------------------------
 
 // A body that ends after a number of bytes, or with the connection.
 struct NormalBody {
@@ -69,8 +68,7 @@ struct ChunkedBody {
   bool lastChunk;
 };
 
-// --- helpers
-// ----------------------------------------------------------------------------------------------------------
+// --- helpers ---------------------------------------------------------------------------------------------------------
 
 // The parent has nothing more now. At its end errno must not be a stale EAGAIN, or the message would wait for ever.
 int parentStopped(HttpMessage* message, FILE* parent) {
@@ -122,8 +120,7 @@ void bodyClosed(HttpMessage* message, int state) {
   if (transferring) msg_completed(message);
 }
 
-// --- normal
-// -----------------------------------------------------------------------------------------------------------
+// --- normal ----------------------------------------------------------------------------------------------------------
 
 ssize_t body_read_normal(void* cookie, char* buffer, size_t size) {
   auto* const body = static_cast<NormalBody*>(cookie);
@@ -171,8 +168,7 @@ int body_close_normal(void* cookie) {
   return 0;
 }
 
-// --- buffered
-// ---------------------------------------------------------------------------------------------------------
+// --- buffered --------------------------------------------------------------------------------------------------------
 
 // Reads ahead behind what the buffer holds; never past the body's end.
 size_t readAhead(BufferedBody* body) {
@@ -262,8 +258,7 @@ int body_close_buffered(void* cookie) {
   return 0;
 }
 
-// --- chunked (RFC 9112 section 7.1, without extensions and trailers)
-// ----------------------------------------------------
+// --- chunked (RFC 9112 section 7.1, without extensions and trailers) -------------------------------------------------
 
 int chunkFailed(ChunkedBody* body, int error) {
   body->readerState = CHUNK_ERROR;
@@ -450,8 +445,7 @@ int body_close_chunked(void* cookie) {
   return result;
 }
 
-// --- opening
-// ----------------------------------------------------------------------------------------------------------
+// --- opening ---------------------------------------------------------------------------------------------------------
 
 // stdio takes a negative count for a very large one: a refused write is one of no bytes there.
 template <ssize_t (*write)(void*, const char*, size_t)>

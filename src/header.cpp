@@ -25,7 +25,7 @@ bool isKnownCode(int code) { return code >= 0 && code < HTTP_HEADER_COUNT; }
 
 const char* textOrNull(const char* text) { return text != nullptr ? text : "(null)"; }
 
-// --- generic: the text is the value ---------------------------------------------------------------------------------
+// --- generic: the text is the value ----------------------------------------------------------------------------------
 
 int hdr_factoryGeneric(HttpHeader*, char*) { return 0; }
 
@@ -33,7 +33,7 @@ int hdr_serializeGeneric(HttpHeader* header, HttpMessage* message) {
   return msg_setHeaderLine(message, "%s: %s", prot_headerString(header->code), textOrNull(header->raw));
 }
 
-// --- Content-Length -------------------------------------------------------------------------------------------------
+// --- Content-Length --------------------------------------------------------------------------------------------------
 
 int hdr_factoryContentLength(HttpHeader* header, char* text) {
   header->contentLength.length = std::strtoull(text, nullptr, 10);
@@ -44,8 +44,7 @@ int hdr_serializeContentLength(HttpHeader* header, HttpMessage* message) {
   return msg_setHeaderLine(message, "%s: %" PRIu64, prot_headerString(header->code), header->contentLength.length);
 }
 
-// --- Content-Type and Content-Disposition: a value, and parameters behind a semicolon
-// ---------------------------------
+// --- Content-Type and Content-Disposition: a value, and parameters behind a semicolon --------------------------------
 
 // Cuts the parameters off @p value. True when there are none, or they could be loaded.
 bool cutParameters(char* value, HttpHeaderParameter** parameters) {
@@ -99,8 +98,7 @@ int hdr_serializeContentDisposition(HttpHeader* header, HttpMessage* message) {
 
 void hdr_freeContentDisposition(HttpHeader* header) { hdr_freeHdrParameters(header->contentDisposition.parameters); }
 
-// --- Connection (RFC 9110 section 7.6.1)
-// ------------------------------------------------------------------------------
+// --- Connection (RFC 9110 section 7.6.1) -----------------------------------------------------------------------------
 
 int hdr_factoryConnection(HttpHeader* header, char* text) {
   unsigned flags = 0;
@@ -127,8 +125,7 @@ int hdr_serializeConnection(HttpHeader* header, HttpMessage* message) {
   return msg_setHeaderLine(message, "%s: %s", "Connection", value);
 }
 
-// --- Transfer-Encoding
-// ------------------------------------------------------------------------------------------------
+// --- Transfer-Encoding -----------------------------------------------------------------------------------------------
 
 int hdr_factoryTransferEncoding(HttpHeader* header, char* text) {
   header->transferEncoding.chunked = strcasecmp(text, "chunked") == 0;
@@ -144,8 +141,7 @@ int hdr_serializeTransferEncoding(HttpHeader* header, HttpMessage* message) {
   return msg_setHeaderLine(message, "%s: %s", prot_headerString(header->code), "chunked");
 }
 
-// --- Date
-// -------------------------------------------------------------------------------------------------------------
+// --- Date ------------------------------------------------------------------------------------------------------------
 
 int hdr_factoryDate(HttpHeader* header, char* text) {
   header->date.time = -1;
@@ -163,8 +159,7 @@ int hdr_serializeDate(HttpHeader* header, HttpMessage* message) {
   return msg_setHeaderLine(message, "%s: %s", "Date", text);
 }
 
-// --- the registry
-// -----------------------------------------------------------------------------------------------------
+// --- the registry ----------------------------------------------------------------------------------------------------
 
 struct Row {
   HttpHeaderFactory factory = hdr_factoryGeneric;

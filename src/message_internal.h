@@ -11,7 +11,7 @@
 struct HttpRequest;
 struct HttpReply;
 
-// --- called in the layers above -------------------------------------------------------------------------------------
+// --- called in the layers above --------------------------------------------------------------------------------------
 
 extern "C" {
 // Chosen by message->type; see request.h and reply.h.
@@ -30,8 +30,7 @@ void rp_forget(HttpReply* reply);
 // A reply of a server connection has just become complete.
 void srv_replyCompleted(HttpMessage* reply);
 
-// --- offered to the neighbours
-// ----------------------------------------------------------------------------------------
+// --- offered to the neighbours ---------------------------------------------------------------------------------------
 
 // msg_setStatusLine() for a finished text of @p length characters and a NUL.
 int msg_setFirstLine(HttpMessage* message, const char* text, size_t length);

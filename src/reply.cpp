@@ -63,8 +63,7 @@ class StatusLine {
 
 }  // namespace
 
-// --- what the message layer calls
-// -------------------------------------------------------------------------------------
+// --- what the message layer calls ------------------------------------------------------------------------------------
 
 void rp_forget(HttpReply* reply) { reply->reason = nullptr; }
 
@@ -87,8 +86,7 @@ int rp_grow(HttpReply* reply, unsigned extra) {
 
 bool rp_hasBody(HttpReply*) { return true; }
 
-// --- lifecycle
-// --------------------------------------------------------------------------------------------------------
+// --- lifecycle -------------------------------------------------------------------------------------------------------
 
 HttpReply* http_replyCreate(void) {
   HttpReply* const reply = makeZeroed<HttpReply>().release();
@@ -111,8 +109,7 @@ void http_replyDestroy(HttpReply* reply) {
   if (reply != nullptr) http_replyCleanup(reply);
 }
 
-// --- building and sending
-// ---------------------------------------------------------------------------------------------
+// --- building and sending --------------------------------------------------------------------------------------------
 
 int http_replyStatusCodeSet(HttpReply* reply, unsigned code, const char* reason) {
   HttpMessage* const message = &reply->message;
@@ -147,8 +144,7 @@ int http_replySend(HttpReply* reply) {
   return result;
 }
 
-// --- canned replies
-// ---------------------------------------------------------------------------------------------------
+// --- canned replies --------------------------------------------------------------------------------------------------
 
 int rp_messageWithDefault(HttpReply* reply, unsigned code) {
   if (http_replyStatusCodeSet(reply, code, nullptr) < 0 || http_replyHeaderValueSet(reply, "TE", "chunked") < 0 ||
@@ -295,8 +291,7 @@ int http_replyCopy(HttpReply* source, HttpReply* destination) {
   return 0;
 }
 
-// --- accessors
-// --------------------------------------------------------------------------------------------------------
+// --- accessors -------------------------------------------------------------------------------------------------------
 
 int http_replyState(HttpReply* reply) { return reply->message.state; }
 

@@ -9,8 +9,7 @@
 #define TRACE_ZONE "http-request"
 #include "trace.h"
 
-// --- what the message layer calls
-// -------------------------------------------------------------------------------------
+// --- what the message layer calls ------------------------------------------------------------------------------------
 
 void rq_forget(HttpRequest* request) { request->uri = HttpUri{}; }
 
@@ -55,8 +54,7 @@ bool rq_hasBody(HttpRequest* request) {
   }
 }
 
-// --- lifecycle
-// --------------------------------------------------------------------------------------------------------
+// --- lifecycle -------------------------------------------------------------------------------------------------------
 
 HttpRequest* http_requestCreate(void) {
   HttpRequest* const request = makeZeroed<HttpRequest>().release();
@@ -84,8 +82,7 @@ void http_requestDestroy(HttpRequest* request) {
   if (request != nullptr) http_requestCleanup(request);
 }
 
-// --- building and sending
-// ---------------------------------------------------------------------------------------------
+// --- building and sending --------------------------------------------------------------------------------------------
 
 int http_requestMethodSet(HttpRequest* request, int method, const char* uri) {
   HttpMessage* const message = &request->message;
@@ -132,8 +129,7 @@ int http_requestSend(HttpRequest* request) {
   return result;
 }
 
-// --- accessors
-// --------------------------------------------------------------------------------------------------------
+// --- accessors -------------------------------------------------------------------------------------------------------
 
 int http_requestState(HttpRequest* request) { return request->message.state; }
 

@@ -33,8 +33,7 @@ constexpr size_t kBlock = 4096;
 // A message buffer that has grown beyond this is not kept for the next request of its connection.
 constexpr uint32_t kKeptBuffer = 2048;
 
-// --- connections
-// ------------------------------------------------------------------------------------------------------
+// --- connections -----------------------------------------------------------------------------------------------------
 
 // A connection with what only this file needs to know.
 struct Connection : HttpServerConnection {
@@ -113,8 +112,7 @@ Connection* connectionOf(const ZelPeer* peer) {
 
 ZelPeer* peerOf(Connection* connection) { return connection->request.message.peer; }
 
-// --- states
-// -----------------------------------------------------------------------------------------------------------
+// --- states ----------------------------------------------------------------------------------------------------------
 
 const char* nameOf(HttpServerState state) {
   static constexpr const char* kNames[] = {
@@ -141,8 +139,7 @@ void checkOwnership(const Connection* connection) {
   if (request.owner != connection->server || !owned) TRACE_BROKEN("request is not owned by server");
 }
 
-// --- small steps
-// ------------------------------------------------------------------------------------------------------
+// --- small steps -----------------------------------------------------------------------------------------------------
 
 bool setTcpOption(int socket, int option, int value) {
   return setsockopt(socket, IPPROTO_TCP, option, &value, sizeof value) == 0;
@@ -212,8 +209,7 @@ void prepareMessages(Connection* connection) {
   connection->reply.message.mode = HTTP_MSG_WRITING;
 }
 
-// --- stopping
-// ---------------------------------------------------------------------------------------------------------
+// --- stopping --------------------------------------------------------------------------------------------------------
 
 void notifyStopped(ZelTimer* timer, void* userData) {
   auto* const server = static_cast<HttpServer*>(userData);
@@ -239,8 +235,7 @@ bool srv_handleWriteDone(ZelPeer* peer);
 bool srv_handleWriteFile(ZelPeer* peer);
 bool srv_handleWriteFileReplyDone(ZelPeer* peer);
 
-// --- going on without an event
-// ----------------------------------------------------------------------------------------
+// --- going on without an event ---------------------------------------------------------------------------------------
 
 // No event comes for a reply that is completed after all of it has left, nor from a descriptor that has nothing to send
 // yet, and those for a body whose handler does not read would come all the time: a timer goes on with them.
@@ -268,8 +263,7 @@ bool startLater(Connection* connection, unsigned milliseconds) {
   return zel_timer_start(connection->later, milliseconds);
 }
 
-// --- reading
-// ----------------------------------------------------------------------------------------------------------
+// --- reading ---------------------------------------------------------------------------------------------------------
 
 // How long to leave alone what is ready all the time but does not get on.
 constexpr unsigned kPauseMilliseconds = 10;
@@ -437,8 +431,7 @@ bool srv_handleRead(ZelPeer* peer) {
   return handled;
 }
 
-// --- the reply has left
-// -----------------------------------------------------------------------------------------------
+// --- the reply has left ----------------------------------------------------------------------------------------------
 
 // The next request begins with what the last one left of the buffers, unless it was an unusually large one.
 void trimBuffer(HttpMessage* message) {
@@ -501,8 +494,7 @@ bool srv_handleWriteDone(ZelPeer* peer) {
   return true;
 }
 
-// --- closing
-// ----------------------------------------------------------------------------------------------------------
+// --- closing ---------------------------------------------------------------------------------------------------------
 
 // Tells the application that its request or reply was cut off.
 void reportClose(Connection* connection, ZelPeer* peer) {
@@ -570,8 +562,7 @@ bool srv_handleClose(ZelPeer* peer) {
   return true;
 }
 
-// --- accepting
-// --------------------------------------------------------------------------------------------------------
+// --- accepting -------------------------------------------------------------------------------------------------------
 
 void setSocketOptions(Connection* connection, ZelPeer* peer) {
   const int socket = peer_socket(peer);
@@ -628,8 +619,7 @@ bool srv_handleAccept(ZelPeer* peer) {
   return true;
 }
 
-// --- files and descriptors
-// --------------------------------------------------------------------------------------------
+// --- files and descriptors -------------------------------------------------------------------------------------------
 
 // How much one step may send.
 size_t stepSize(const Connection* connection) {
@@ -806,8 +796,7 @@ int openFile(const char* path) {
   return descriptor;
 }
 
-// --- files below a root directory
-// -------------------------------------------------------------------------------------
+// --- files below a root directory ------------------------------------------------------------------------------------
 
 using PathBuffer = char[PATH_MAX];
 

@@ -21,8 +21,7 @@ std::string root;
 bool demo = false;
 std::function<Counters()> currentCounters;
 
-// --- single answers
-// ---------------------------------------------------------------------------------------------------
+// --- single answers --------------------------------------------------------------------------------------------------
 
 long residentMemory() {
   long total = 0;
@@ -51,8 +50,7 @@ int replyWithFile(HttpRequest* request, HttpReply* reply) {
   return result == 0 || http_replyState(reply) >= HTTP_MSG_BODY ? 0 : -1;
 }
 
-// --- what is wrong with a request before its target matters
-// -----------------------------------------------------------
+// --- what is wrong with a request before its target matters ----------------------------------------------------------
 
 // What decides where a request belongs and where its body ends.
 struct Framing {
@@ -109,8 +107,7 @@ unsigned refusalOf(HttpRequest* request) {
   }
 }
 
-// --- routing
-// ----------------------------------------------------------------------------------------------------------
+// --- routing ---------------------------------------------------------------------------------------------------------
 
 bool wantsEcho(HttpRequest* request) { return demo && std::string_view(http_requestPath(request)) == "/echo"; }
 
@@ -144,8 +141,7 @@ int answer(HttpRequest* request, HttpReply* reply) {
   return replyWithFile(request, reply);
 }
 
-// --- handlers
-// ---------------------------------------------------------------------------------------------------------
+// --- handlers --------------------------------------------------------------------------------------------------------
 
 int onRequest(HttpRequest* request, HttpReply* reply) {
   // This server speaks HTTP/1.1, whatever higher version was asked for.

@@ -194,7 +194,7 @@ class GuardedText {
   void* mapping_ = nullptr;
 };
 
-// --- which body --------------------------------------------------------------------------------------------------
+// --- which body ------------------------------------------------------------------------------------------------------
 
 constexpr HttpMessageType kRequest = HTTP_MSG_REQUEST;
 constexpr HttpMessageType kReply = HTTP_MSG_REPLY;
@@ -283,7 +283,7 @@ TEST(BodyMinMax, AreUnsigned) {
   EXPECT_EQ(max(0xffffffffu, 1), 0xffffffffu);
 }
 
-// --- opening -----------------------------------------------------------------------------------------------------
+// --- opening ---------------------------------------------------------------------------------------------------------
 
 struct OpenCase {
   const char* name;
@@ -374,7 +374,7 @@ TEST(BodyOpening, OfMultipartIsRefusedWhenTheMessageIsDone) {
   EXPECT_EQ(trace.said(), TraceLines({"http-bo[x]body has already been opened for this message"}));
 }
 
-// --- reading -----------------------------------------------------------------------------------------------------
+// --- reading ---------------------------------------------------------------------------------------------------------
 
 // A body on the wire, in turns of framing and data.
 struct ReadCase {
@@ -765,6 +765,23 @@ INSTANTIATE_TEST_SUITE_P(
                       BadChunkCase{"NothingBehindTheLastChunk", "0\r\nGET", "", kInvalidFormat}),
     [](const auto& row) { return row.param.name; });
 
+// A message may be failed by something else while its body waits; then there is nothing to wait for.
+TEST(BodyReadChunked, DoesNotSpinWhenTheMessageHasFailed) {
+  for (const std::string arrived : {"", "5", "5\r\n", "5\r\nhel", "5\r\nhello", "5\r\nhello\r"}) {
+    for (const int state : {3, 5}) {
+      SCOPED_TRACE(arrived + std::to_string(state));
+      const SpinGuard guard(20);
+      ScriptInput input(kChunked);
+      input.bytes(arrived).hold();
+      Reading reading(input);
+      const TraceCapture quiet;
+      reading.message()->state = state;
+      EXPECT_TRUE(reading.once(4096).find('|') != std::string::npos);
+      EXPECT_EQ(reading.message()->needMoreData, 0);
+    }
+  }
+}
+
 TEST(BodyReadSeek, IsRefusedUnlessMultipart) {
   for (const std::string& head : {withLength(5), kUntilClose, kChunked}) {
     SCOPED_TRACE(head);
@@ -775,7 +792,7 @@ TEST(BodyReadSeek, IsRefusedUnlessMultipart) {
   }
 }
 
-// --- multipart ---------------------------------------------------------------------------------------------------
+// --- multipart -------------------------------------------------------------------------------------------------------
 
 TEST(BodyReadMultipart, AtOnceInBlocksOfAnySize) {
   for (const size_t length : {1u, 100u, 65535u, 65536u, 65537u, 150000u}) {
@@ -980,7 +997,7 @@ TEST(BodySeeking, NeedsSomethingThatWasReadAhead) {
   EXPECT_EQ(reading.all(4096), pattern(1000) + "|end");
 }
 
-// --- closing an incoming body ------------------------------------------------------------------------------------
+// --- closing an incoming body ----------------------------------------------------------------------------------------
 
 struct CutCase {
   const char* name;
@@ -1045,7 +1062,7 @@ TEST(BodyClosing, OfAnIncomingChunkedBodyWritesNothing) {
   free(text);
 }
 
-// --- writing -----------------------------------------------------------------------------------------------------
+// --- writing ---------------------------------------------------------------------------------------------------------
 
 struct WriteCase {
   const char* name;
@@ -1332,7 +1349,7 @@ TEST(BodyWriting, TheLastChunkFailsWhereverTheStreamDoes) {
   }
 }
 
-// --- the answer to HEAD ------------------------------------------------------------------------------------------
+// --- the answer to HEAD ----------------------------------------------------------------------------------------------
 
 TEST(BodyOfABodylessReply, IsAcceptedAndDropped) {
   const std::string text = pattern(20000);

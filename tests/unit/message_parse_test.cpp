@@ -122,7 +122,7 @@ std::string parse(Incoming& incoming, ScriptInput& input, int* lines = nullptr) 
   return "no end";
 }
 
-// --- heads -------------------------------------------------------------------------------------------------------
+// --- heads -----------------------------------------------------------------------------------------------------------
 
 struct HeadCase {
   const char* name;
@@ -377,7 +377,7 @@ TEST(MessageParse, EntriesAreCompact) {
   EXPECT_EQ(message.headersLimit, message.buffer + message.headersEnd);
 }
 
-// --- one call ----------------------------------------------------------------------------------------------------
+// --- one call --------------------------------------------------------------------------------------------------------
 
 TEST(MessageParse, TakesAtMostOneLineACall) {
   ScriptInput input("POST /p HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\n\r\nabcGET");
@@ -528,7 +528,7 @@ TEST(MessageParse, ARefusalDropsARunningParameterIteration) {
   EXPECT_EQ(http_uriQueryString(http_requestURI(incoming.request())), nullptr);
 }
 
-// --- which body --------------------------------------------------------------------------------------------------
+// --- which body ------------------------------------------------------------------------------------------------------
 
 struct BodyCase {
   const char* name;
@@ -595,7 +595,7 @@ TEST(MessageHasBody, OfAnotherTypeIsFalse) {
   }
 }
 
-// --- the first line ----------------------------------------------------------------------------------------------
+// --- the first line --------------------------------------------------------------------------------------------------
 
 TEST(MessageParseStatusLine, FillsTheRecordOfItsOwnTypeOnly) {
   for (int attempt = 0; attempt < 2; ++attempt) {
@@ -666,7 +666,7 @@ INSTANTIATE_TEST_SUITE_P(
         VersionCase{"NoMajor", "HTTP/.9", -1, 0, 0, {"http-me[x]unable to parse http version HTTP/: Success"}}),
     [](const auto& row) { return row.param.name; });
 
-// --- header lines, outgoing --------------------------------------------------------------------------------------
+// --- header lines, outgoing ------------------------------------------------------------------------------------------
 
 TEST(MessageSetHeaderLine, StoresLikeAReceivedHeader) {
   const ReplyPtr reply(http_replyCreate());
@@ -739,6 +739,30 @@ TEST(MessageSetStatusLine, BehindAnythingElseItGoesInFrontAndFailsInStateOnly) {
   EXPECT_EQ(reply->message.state, 5);
 }
 
+TEST(MessageSetStatusLine, BehindAHeaderThatWasRefused) {
+  const ReplyPtr reply(http_replyCreate());
+  HttpMessage* const message = &reply->message;
+  {
+    const TraceCapture quiet;
+    ASSERT_EQ(msg_setHeaderLine(message, "Accept: "), -1);
+  }
+  ASSERT_EQ(msg_setStatusLine(message, "HTTP/1.1 200 OK"), 0);
+  EXPECT_STREQ(reply->reason, "OK");
+  const char* name = nullptr;
+  const char* value = nullptr;
+  EXPECT_EQ(http_msgHeadersNext(message, &name, &value), -1);
+  ASSERT_EQ(msg_setHeaderLine(message, "Host: x"), 0);
+  ASSERT_EQ(msg_setHeaderLine(message, "Y: z"), 0);
+  ASSERT_EQ(http_msgHeadersNext(message, &name, &value), 0);
+  EXPECT_STREQ(name, "Host");
+  EXPECT_STREQ(value, "x");
+  ASSERT_EQ(http_msgHeadersNext(message, &name, &value), 0);
+  EXPECT_STREQ(name, "Y");
+  EXPECT_STREQ(value, "z");
+  EXPECT_EQ(http_msgHeadersNext(message, &name, &value), -1);
+  EXPECT_STREQ(reply->reason, "OK");
+}
+
 TEST(MessageSetStatusLine, TwiceWithoutHeaders) {
   MemoryOutput output;
   const ReplyPtr reply(http_replyCreate());
@@ -782,7 +806,7 @@ TEST(MessageParseHeaderLine, AcceptsAnEmptyValueWhenAllowed) {
   }
 }
 
-// --- entries stay inside their own bytes -------------------------------------------------------------------------
+// --- entries stay inside their own bytes -----------------------------------------------------------------------------
 
 // A value of this length that begins and ends with something else than its neighbours.
 std::string valueOf(size_t length) {

@@ -72,7 +72,7 @@ std::string pattern(size_t length) {
 
 ptrdiff_t offsetIn(const HttpMessage& message, const char* pointer) { return pointer - message.buffer; }
 
-// --- the record --------------------------------------------------------------------------------------------------
+// --- the record ------------------------------------------------------------------------------------------------------
 
 TEST(MessageRecord, FieldsStandInTheirOrder) {
 #define FIELD(name) \
@@ -139,7 +139,7 @@ TEST(MessageRecord, NumbersOfTheEnumerations) {
   for (const auto& row : kNumbers) EXPECT_EQ(row.value, row.expected) << row.name;
 }
 
-// --- growing -----------------------------------------------------------------------------------------------------
+// --- growing ---------------------------------------------------------------------------------------------------------
 
 struct GrowCase {
   const char* name;
@@ -269,7 +269,7 @@ TEST(MessageGrowing, OfAnotherTypeDoesNothingAndSucceeds) {
   }
 }
 
-// --- reading lines -----------------------------------------------------------------------------------------------
+// --- reading lines ---------------------------------------------------------------------------------------------------
 
 struct LineCase {
   const char* name;
@@ -487,7 +487,7 @@ TEST(MessageLineRead, ReadErrorFailsTheMessage) {
   EXPECT_EQ(zel_error, 0x10001u);
 }
 
-// --- what a failed read means ------------------------------------------------------------------------------------
+// --- what a failed read means ----------------------------------------------------------------------------------------
 
 struct FailedReadCase {
   const char* name;
@@ -567,7 +567,7 @@ TEST(MessageFailedReads, NameThePeersSocket) {
   zel_loop_close();
 }
 
-// --- writing lines -----------------------------------------------------------------------------------------------
+// --- writing lines ---------------------------------------------------------------------------------------------------
 
 struct LineSetCase {
   const char* name;
@@ -632,7 +632,7 @@ TEST(MessageLineWrite, WhatCannotBeFormattedIsRefused) {
   EXPECT_STREQ(request->message.buffer, "first");
 }
 
-// --- a first line in front ---------------------------------------------------------------------------------------
+// --- a first line in front -------------------------------------------------------------------------------------------
 
 struct FirstLineCase {
   const char* name;
@@ -756,7 +756,7 @@ TEST(MessageFirstLines, OneAfterTheOther) {
   EXPECT_EQ(headersOf(&reply->message), headers);
 }
 
-// --- taking the first line out -----------------------------------------------------------------------------------
+// --- taking the first line out ---------------------------------------------------------------------------------------
 
 void expectUnchanged(const HttpMessage& message, const HttpMessage& before) {
   EXPECT_EQ(message.state, before.state);
@@ -841,7 +841,7 @@ TEST(MessageRemoveStatusLine, CutsAtALineFeed) {
   }
 }
 
-// --- the small ones ----------------------------------------------------------------------------------------------
+// --- the small ones --------------------------------------------------------------------------------------------------
 
 TEST(MessageAccessors, ReadAndStoreOneField) {
   HttpMessage message{};

@@ -66,7 +66,7 @@ std::string chunk(const std::string& text) {
   return size + text + "\r\n";
 }
 
-// --- lifecycle ---------------------------------------------------------------------------------------------------
+// --- lifecycle -------------------------------------------------------------------------------------------------------
 
 TEST(ReplyLifecycle, CreateGivesAnEmptyReply) {
   const ReplyPtr reply(http_replyCreate());
@@ -125,7 +125,7 @@ TEST(ReplyLifecycle, ResetAllowsAnotherStatus) {
 
 TEST(ReplyLifecycle, DestroyTakesNothingToo) { http_replyDestroy(nullptr); }
 
-// --- the status line ---------------------------------------------------------------------------------------------
+// --- the status line -------------------------------------------------------------------------------------------------
 
 struct StatusCase {
   const char* name;
@@ -256,7 +256,7 @@ TEST(ReplyStatusCodeSet, TakesTheReplysOwnReason) {
   EXPECT_EQ(output.bytes(), "HTTP/1.1 201 Mine Alone\r\n\r\n");
 }
 
-// --- sending -----------------------------------------------------------------------------------------------------
+// --- sending ---------------------------------------------------------------------------------------------------------
 
 TEST(ReplySend, IsTraced) {
   MemoryOutput output;
@@ -325,7 +325,7 @@ TEST(ReplySend, WithABody) {
   }
 }
 
-// --- canned replies ----------------------------------------------------------------------------------------------
+// --- canned replies --------------------------------------------------------------------------------------------------
 
 const std::string kCannedHeaders = "TE: chunked\r\nTransfer-Encoding: chunked\r\nContent-Type: text/html\r\n";
 
@@ -585,6 +585,32 @@ TEST(ReplyCannedReplies, WithABodyFailWhereverTheStreamDoes) {
   }
 }
 
+// A page that is longer than what stdio holds fails in the middle of its writing.
+TEST(ReplyCannedReplies, WithALongPageFailWithTheStream) {
+  const std::string text = "/" + std::string(20000, 'l');
+  for (const bool isRedirect : {false, true}) {
+    SCOPED_TRACE(isRedirect);
+    const auto send = [&](HttpReply* reply) {
+      return isRedirect ? http_replyWithRedirect(reply, 302, "%s", text.c_str())
+                        : http_replyWithDefaultAndBody(reply, 302, "%s", text.c_str());
+    };
+    ScriptOutput whole;
+    EXPECT_EQ(send(outgoing(whole.stream()).get()), 0);
+    const size_t head = whole.bytes().find("\r\n\r\n") + 4;
+    for (const size_t at : {head, head + 3, head + 5000, head + 8192}) {
+      SCOPED_TRACE(at);
+      ScriptOutput output;
+      output.unbuffered().refuseAt(at, EPIPE);
+      const ReplyPtr reply = outgoing(output.stream());
+      TraceCapture trace;
+      EXPECT_EQ(send(reply.get()), -1);
+      EXPECT_EQ(trace.errors().back(), "http-re[x]unable to send status code");
+      EXPECT_EQ(reply->message.body, nullptr);
+      EXPECT_EQ(output.bytes(), whole.bytes().substr(0, at));
+    }
+  }
+}
+
 TEST(ReplyRedirect, WithoutALocationIsRefused) {
   ScriptOutput output;
   const ReplyPtr reply = outgoing(output.stream());
@@ -605,7 +631,7 @@ TEST(ReplyRedirect, ThatCannotBeFormattedIsRefused) {
   EXPECT_EQ(http_replyState(reply.get()), 0);
 }
 
-// --- copying -----------------------------------------------------------------------------------------------------
+// --- copying ---------------------------------------------------------------------------------------------------------
 
 struct CopyCase {
   const char* name;
@@ -700,7 +726,7 @@ TEST(ReplyCopying, FailsAtAHeaderWithoutAValue) {
   EXPECT_EQ(headersOf(destination.get()), std::vector<std::string>({"A=1"}));
 }
 
-// --- hooks -------------------------------------------------------------------------------------------------------
+// --- hooks -----------------------------------------------------------------------------------------------------------
 
 TEST(ReplyFactory, TakesAnything) {
   const struct {
@@ -804,7 +830,7 @@ TEST(ReplyGrow, ByHeadersThatArriveKeepsTheReason) {
   EXPECT_EQ(headersOf(reply.get()), std::vector<std::string>({"X=" + value, "Y=" + value}));
 }
 
-// --- accessors and forwarders ------------------------------------------------------------------------------------
+// --- accessors and forwarders ----------------------------------------------------------------------------------------
 
 TEST(ReplyAccessors, ReadAndStoreTheirField) {
   HttpReply reply{};

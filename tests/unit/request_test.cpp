@@ -58,7 +58,7 @@ std::vector<std::string> headersOf(HttpRequest* request) {
   return headers;
 }
 
-// --- lifecycle ---------------------------------------------------------------------------------------------------
+// --- lifecycle -------------------------------------------------------------------------------------------------------
 
 TEST(RequestLifecycle, CreateGivesAnEmptyRequest) {
   const RequestPtr request(http_requestCreate());
@@ -119,7 +119,7 @@ TEST(RequestLifecycle, DestroyClosesABodyThatIsBeingTransferred) {
   EXPECT_EQ(output.bytes(), "0\r\n\r\n");
 }
 
-// --- the request line --------------------------------------------------------------------------------------------
+// --- the request line ------------------------------------------------------------------------------------------------
 
 struct LineCase {
   const char* name;
@@ -263,7 +263,7 @@ TEST(RequestMethodSet, RefusedTheSecondTimeShowsInTheState) {
   }
 }
 
-// --- sending -----------------------------------------------------------------------------------------------------
+// --- sending ---------------------------------------------------------------------------------------------------------
 
 TEST(RequestSend, IsTraced) {
   MemoryOutput output;
@@ -356,7 +356,7 @@ TEST(RequestSend, WithoutABody) {
   EXPECT_EQ(output.bytes(), "GET / HTTP/1.1\r\n\r\n");
 }
 
-// --- hooks -------------------------------------------------------------------------------------------------------
+// --- hooks -----------------------------------------------------------------------------------------------------------
 
 TEST(RequestFactory, TakesMethodAndTarget) {
   for (int method = 1; method < HTTP_METHOD_COUNT; ++method) {
@@ -462,7 +462,7 @@ TEST(RequestGrow, ByHeadersThatArriveKeepsTheTarget) {
   EXPECT_EQ(headersOf(request.get()), std::vector<std::string>({"X=" + value, "Y=" + value}));
 }
 
-// --- accessors and forwarders ------------------------------------------------------------------------------------
+// --- accessors and forwarders ----------------------------------------------------------------------------------------
 
 TEST(RequestAccessors, ReadAndStoreTheirField) {
   HttpRequest request{};

@@ -172,8 +172,7 @@ TEST_P(CutTest, OneOctetAtATime) {
   EXPECT_EQ(callsOf("request"), 1u);
 }
 
-// --- bodies that end with the connection
-// ---------------------------------------------------------------------------------
+// --- bodies that end with the connection -----------------------------------------------------------------------------
 
 class BodyUntilCloseTest : public WireServerTest {};
 
@@ -207,8 +206,7 @@ TEST_F(BodyUntilCloseTest, NothingInItIsARequest) {
   EXPECT_EQ(callsOf("request"), 1u);
 }
 
-// --- bodies that are malformed
-// -------------------------------------------------------------------------------------------
+// --- bodies that are malformed ---------------------------------------------------------------------------------------
 
 struct MalformedCase {
   const char* name;

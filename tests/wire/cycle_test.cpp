@@ -3,6 +3,7 @@
 #include <krohttp/krohttp.h>
 #include <sys/resource.h>
 
+#include <array>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -29,8 +30,7 @@ class CycleTest : public WireServerTest {
   }
 };
 
-// --- traces and states
-// -------------------------------------------------------------------------------------------------
+// --- traces and states -----------------------------------------------------------------------------------------------
 
 TEST_F(CycleTest, GetThatIsKeptAliveAndLeft) {
   listen();
@@ -173,6 +173,74 @@ TEST_F(CycleTest, ReplyThatHasLeftBeforeTheRequestIsDone) {
               keptOpen()}));
 }
 
+// Broken invariants are told at the most severe level, and nothing else comes of them.
+struct OwnerCase {
+  const char* name;
+  void (*tamper)(HttpRequest*, HttpReply*);
+  TraceLines told;
+};
+void PrintTo(const OwnerCase& row, std::ostream* out) { *out << row.name; }
+const char* const kReplyNotOwned = "[x0]reply is not owned by server";
+const char* const kRequestNotOwned = "[x0]request is not owned by server";
+const OwnerCase kOwners[] = {
+    {"OwnersOfBothRight", [](HttpRequest*, HttpReply*) {}, {}},
+    {"TypeOfTheReplyWrong",  // the check of the request looks at the reply's, too
+     [](HttpRequest*, HttpReply* reply) { reply->message.ownerType = HTTP_MSG_OWNED_BY_CLIENT; },
+     {kReplyNotOwned, kRequestNotOwned}},
+    {"TypeOfTheRequestWrong",
+     [](HttpRequest* request, HttpReply*) { request->message.ownerType = HTTP_MSG_OWNED_BY_CLIENT; },
+     {}},
+    {"OwnerOfTheRequestWrong",
+     [](HttpRequest* request, HttpReply*) { request->message.owner = nullptr; },
+     {kRequestNotOwned}},
+};
+class OwnerTest : public CycleTest, public ::testing::WithParamInterface<OwnerCase> {};
+INSTANTIATE_TEST_SUITE_P(Cycle, OwnerTest, ::testing::ValuesIn(kOwners),
+                         [](const auto& parameter) { return parameter.param.name; });
+
+TEST_P(OwnerTest, IsCheckedByEveryHandler) {
+  listen();
+  HttpRequest* tampered = nullptr;
+  HttpReply* waiting = nullptr;
+  onRequest = [&](HttpRequest* request, HttpReply* reply) {
+    tampered = request;
+    waiting = reply;
+    return 0;
+  };
+  TraceCapture trace{"http-server"};
+  WireClient client(address());
+  client.send("GET /a HTTP/1.1\r\nConnection: close\r\n\r\n");
+  settle();
+  ASSERT_NE(waiting, nullptr);
+  GetParam().tamper(tampered, waiting);
+  trace.clear();
+  replyText(waiting, 200, "late");
+  ASSERT_TRUE(until([&] { return client.ended(); }));
+  EXPECT_EQ(client.received(), okReply("late"));
+  TraceLines told;
+  for (const std::string& line : serverLines(trace))
+    if (line.rfind("[x", 0) == 0) told.push_back(line);
+  EXPECT_EQ(told, joined({GetParam().told, GetParam().told}));  // output is empty, and closed
+}
+
+TEST_F(CycleTest, WrongStateIsToldAndCarriedOnWith) {
+  listen();
+  HttpReply* waiting = nullptr;
+  onRequest = [&](HttpRequest*, HttpReply* reply) {
+    waiting = reply;
+    return 0;
+  };
+  TraceCapture trace{"http-server"};
+  WireClient client(address());
+  client.send(kGet);
+  settle();
+  ASSERT_NE(waiting, nullptr);
+  static_cast<HttpServerConnection*>(peer_userData(http_replyPeer(waiting)))->state = HTTP_SERVER_REQUEST_RECEIVED;
+  replyText(waiting, 200, "late");
+  ASSERT_TRUE(until([&] { return client.received() == okReply("late") && http().repliesSent == 1; }));
+  EXPECT_EQ(trace.errors(), (TraceLines{"http-se[x]wrong server state: REQUEST_RECEIVED, should be SENDING_REPLY"}));
+}
+
 TEST_F(CycleTest, AcceptOnAUnixSocketTellsThatTcpOptionsDoNotHold) {
   listenLocally();
   TraceCapture trace{"http-server"};
@@ -213,8 +281,7 @@ TEST_F(CycleTest, TcpOptionsAreSetFromAcceptOn) {
   EXPECT_EQ(corkAfterReply, 1);
 }
 
-// --- keep or close
-// -------------------------------------------------------------------------------------------------------
+// --- keep or close ---------------------------------------------------------------------------------------------------
 
 struct KeepCase {
   const char* name;
@@ -268,8 +335,7 @@ TEST_P(KeepTest, KeepsOrCloses) {
   EXPECT_EQ(http().connectionCount, row.keeps ? 1 : 0);
 }
 
-// --- pipelining
-// ------------------------------------------------------------------------------------------------------------
+// --- pipelining ------------------------------------------------------------------------------------------------------
 
 TEST_F(CycleTest, PipelinedRequestWaitsForTheReply) {
   listen();
@@ -359,8 +425,7 @@ TEST_F(CycleTest, PipelinedRequestBehindTheLastOneIsDropped) {
   EXPECT_EQ(calls, (Calls{"request GET /1", "done 200"}));
 }
 
-// --- clients that leave
-// ----------------------------------------------------------------------------------------------------
+// --- clients that leave ----------------------------------------------------------------------------------------------
 
 TEST_F(CycleTest, ClientThatConnectsAndLeaves) {
   listen();
@@ -450,8 +515,7 @@ TEST_F(CycleTest, ReplyToAClientThatHasFinishedSending) {
   EXPECT_EQ(calls, (Calls{"request GET /a", "done 200"}));
 }
 
-// --- requests that are refused
-// -----------------------------------------------------------------------------------------------
+// --- requests that are refused ---------------------------------------------------------------------------------------
 
 struct RefusedCase {
   const char* name;
@@ -552,8 +616,31 @@ TEST_F(CycleTest, BodyHandlerThatRefuses) {
                                          "[x]closed while in state REQUEST_RECEIVED", "[x]calling error handler"}}));
 }
 
-// --- versions
-// ----------------------------------------------------------------------------------------------------------------
+// --- heads of any size
+// -------------------------------------------------------------------------------------------------
+
+TEST_F(CycleTest, HeadThatGrowsLeavesTheRequestAsItIs) {
+  listen();
+  std::string seen;
+  onRequest = [&](HttpRequest* request, HttpReply* reply) {
+    char* value = nullptr;
+    EXPECT_EQ(http_uriGetParameter(http_requestURI(request), "q", &value), 0);
+    seen = std::string(http_requestPath(request)) + " " + value + " " + http_requestHeaderValue(request, "X-First") +
+           " " + http_requestHeaderValue(request, "X-Last");
+    return replyText(reply, 200, "");
+  };
+  for (const size_t size : {100u, 511u, 512u, 513u, 5000u, 100000u}) {
+    std::string head = "GET /some/path?q=parameter HTTP/1.1\r\nX-First: one\r\n";
+    for (size_t i = 0; head.size() < size; ++i)
+      head += "X-" + std::to_string(i) + ": " + std::string(i % 700, 'v') + " .\r\n";
+    WireClient client(address());
+    client.send(head).send("X-Last: last\r\n\r\n");
+    ASSERT_TRUE(until([&] { return client.received() == okReply(""); })) << size;
+    EXPECT_EQ(seen, "/some/path parameter one last") << size;
+  }
+}
+
+// --- versions --------------------------------------------------------------------------------------------------------
 
 TEST_F(CycleTest, ReplyHasTheVersionOfItsRequest) {
   listen();
@@ -564,8 +651,7 @@ TEST_F(CycleTest, ReplyHasTheVersionOfItsRequest) {
   }
 }
 
-// --- accept
-// ------------------------------------------------------------------------------------------------------------------
+// --- accept ----------------------------------------------------------------------------------------------------------
 
 TEST_F(CycleTest, StartFailsOnAPeerThatHasEnded) {
   listen();
@@ -606,8 +692,7 @@ TEST_F(CycleTest, ConnectionThatCannotBeAcceptedForLackOfDescriptorsWaits) {
   EXPECT_TRUE(until([&] { return second.received() == okReply("/a"); })) << second.received();
 }
 
-// --- stop
-// --------------------------------------------------------------------------------------------------------------------
+// --- stop ------------------------------------------------------------------------------------------------------------
 
 TEST_F(CycleTest, StopWithoutConnections) {
   listen();
@@ -751,6 +836,27 @@ TEST_F(CycleTest, TwoServersInOneConnectionStopOneByOne) {
   ASSERT_TRUE(until([&] { return ofSecond.ended(); }));
   EXPECT_EQ(second.connectionCount, 0);
   EXPECT_EQ(exchange(ofFirst, kGet).at(0).wire, okReply("/a"));
+}
+
+// A connection may hold peers that are not the server's.
+TEST_F(CycleTest, StopLeavesOtherPeersAlone) {
+  listen();
+  std::array<uint64_t, 2> notAContext = {};
+  int first[2];
+  int second[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, first), 0);
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, second), 0);
+  ZelPeer* withoutUserData = connection_adopt(connection(), first[0]);
+  ZelPeer* withUserData = connection_adopt(connection(), second[0]);
+  peer_setUserData(withUserData, notAContext.data());
+  WireClient client(address());
+  settle();
+  http_serverStop(&http());
+  ASSERT_TRUE(until([&] { return client.ended(); }));
+  EXPECT_GE(peer_socket(withoutUserData), 0);
+  EXPECT_GE(peer_socket(withUserData), 0);
+  close(first[1]);
+  close(second[1]);
 }
 
 TEST_F(CycleTest, ServerCanBeStartedAgain) {

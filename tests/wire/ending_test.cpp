@@ -11,8 +11,7 @@
 
 namespace {
 
-// --- the last bytes of a reply arrive although input was left unread
-// ---------------------------------------------------
+// --- the last bytes of a reply arrive although input was left unread -------------------------------------------------
 
 struct LastBytesCase {
   const char* name;
@@ -137,8 +136,7 @@ TEST_F(EndingTest, StoppedServerStillSendsAll) {
   EXPECT_EQ(calls.back(), "stopped");
 }
 
-// --- a body that the application does not read to its end
-// ----------------------------------------------------------------
+// --- a body that the application does not read to its end ------------------------------------------------------------
 
 constexpr std::string_view kSmuggled = "GET /smuggled HTTP/1.1\r\nHost: x\r\n\r\n";
 

@@ -64,8 +64,7 @@ class FileTest : public WireServerTest {
   int result = 99;
 };
 
-// --- content types
-// ---------------------------------------------------------------------------------------------------------
+// --- content types ---------------------------------------------------------------------------------------------------
 
 struct TypeCase {
   const char* name;
@@ -119,8 +118,7 @@ TEST_P(TypeTest, IsThatOfTheLastDot) {
   EXPECT_EQ(reply.header("Content-Length"), "7");
 }
 
-// --- which file
-// ------------------------------------------------------------------------------------------------------------
+// --- which file ------------------------------------------------------------------------------------------------------
 
 struct FindCase {
   const char* name;
@@ -209,8 +207,7 @@ TEST_P(FindTest, ServesTheRightFile) {
   }
 }
 
-// --- outside the root
-// --------------------------------------------------------------------------------------------------------
+// --- outside the root ------------------------------------------------------------------------------------------------
 
 class RootTest : public FileTest {
  protected:
@@ -351,8 +348,7 @@ TEST_F(RootTest, FilesThatComeAndGoAreServedWholeOrNotAtAll) {
   renaming.join();
 }
 
-// --- traces
-// ------------------------------------------------------------------------------------------------------------------
+// --- traces ----------------------------------------------------------------------------------------------------------
 
 TEST_F(RootTest, TracesOfAFile) {
   struct stat status = {};
@@ -414,8 +410,7 @@ TEST_F(RootTest, TracesOfTheSearch) {
   }
 }
 
-// --- the calls below
-// ------------------------------------------------------------------------------------------------------------
+// --- the calls below -------------------------------------------------------------------------------------------------
 
 TEST_F(RootTest, SendFileOfAMissingPath) {
   onRequest = [&](HttpRequest*, HttpReply* reply) {
@@ -458,8 +453,7 @@ TEST_F(RootTest, SendFdOfAFileInItsMiddle) {
   }
 }
 
-// --- sizes
-// ------------------------------------------------------------------------------------------------------------------------
+// --- sizes -----------------------------------------------------------------------------------------------------------
 
 struct SizeCase {
   const char* name;
@@ -596,8 +590,59 @@ TEST_F(HugeTest, IsSentToItsLastByte) {
   for (const Mark& mark : kMarks) EXPECT_EQ(seen[mark.at], mark.text);
 }
 
-// --- files that change while they are sent
-// --------------------------------------------------------------------------------------------
+// --- sockets that take little at a time
+// -------------------------------------------------------------------------------
+
+struct TrickleCase {
+  const char* name;
+  size_t most;       // bytes taken at once
+  unsigned refuses;  // every so many writes nothing is taken, 0 for never
+};
+void PrintTo(const TrickleCase& row, std::ostream* out) { *out << row.name; }
+constexpr TrickleCase kTrickles[] = {
+    {"OneOctet", 1, 0},
+    {"OneOctetWithPauses", 1, 2},
+    {"SevenOctetsWithPauses", 7, 3},
+    {"AllWithPauses", SIZE_MAX, 2},
+};
+class TrickleTest : public FileTest, public ::testing::WithParamInterface<TrickleCase> {
+ protected:
+  static ssize_t writeSome(ZelPeer* peer, const void* buffer, size_t length) {
+    static unsigned writes;
+    if (GetParam().refuses != 0 && ++writes % GetParam().refuses == 0) {
+      errno = EAGAIN;
+      return -1;
+    }
+    return plainTransport().write(peer, buffer, std::min(length, GetParam().most));
+  }
+};
+INSTANTIATE_TEST_SUITE_P(File, TrickleTest, ::testing::ValuesIn(kTrickles),
+                         [](const auto& parameter) { return parameter.param.name; });
+
+TEST_P(TrickleTest, NoByteIsLostOrDoubled) {
+  static const ZelTransport trickling = {plainTransport().read, writeSome, plainTransport().peek, 0};
+  const std::string content = pattern(20000);
+  folder.file("file", content);
+  listen();
+  onRequest = [&, send = onRequest](HttpRequest* request, HttpReply* reply) {
+    peer_setTransport(http_requestPeer(request), &trickling);
+    const std::string_view path = http_requestPath(request);
+    if (path == "/text") return replyText(reply, 200, content);
+    if (path == "/page") return http_replyWithDefault(reply, 404);
+    return send(request, reply);
+  };
+  WireClient client(address());
+  client.send(
+      "GET /text HTTP/1.1\r\n\r\nGET /file HTTP/1.1\r\n\r\nGET /page HTTP/1.1\r\n\r\nGET /file HTTP/1.1\r\n\r\n"
+      "GET /text HTTP/1.1\r\nConnection: close\r\n\r\n");
+  ASSERT_TRUE(until([&] { return client.ended(); })) << client.receivedCount();
+  EXPECT_TRUE(client.received() ==
+              okReply(content) + okReply(content) + cannedReply(404, "Not Found") + okReply(content) + okReply(content))
+      << client.receivedCount();
+  EXPECT_EQ(callsOf("done"), 5u);
+}
+
+// --- files that change while they are sent ---------------------------------------------------------------------------
 
 struct ChangeCase {
   const char* name;
@@ -708,8 +753,7 @@ TEST_P(ChangeTest, PipelinedRequestWaits) {
   EXPECT_TRUE(client->received() == head_ + content_ + head_ + content_);
 }
 
-// --- pipes and sockets
-// ------------------------------------------------------------------------------------------------------------------
+// --- pipes and sockets -----------------------------------------------------------------------------------------------
 
 enum class Kind { Pipe, Socket };
 struct StreamCase {
@@ -873,8 +917,7 @@ TEST_P(StreamTest, ServerThatStopsWaitsForTheEnd) {
   EXPECT_EQ(client.received(), head_ + "last");
 }
 
-// --- descriptors that cannot be read
-// ----------------------------------------------------------------------------------------------------
+// --- descriptors that cannot be read ---------------------------------------------------------------------------------
 
 TEST_F(FileTest, FolderAsADescriptor) {
   descriptor = [&] { return open(folder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); };
@@ -898,8 +941,7 @@ TEST_F(FileTest, ClosedDescriptor) {
   EXPECT_EQ(http().connectionCount, 0);
 }
 
-// --- files from other places than the request handler
-// ----------------------------------------------------------------------------------
+// --- files from other places than the request handler ----------------------------------------------------------------
 
 TEST_F(FileTest, FromATimer) {
   const std::string content = pattern(100000);

@@ -35,8 +35,7 @@ constexpr WireCase kWires[] = {
     {"MalformedBody", "POST /a HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\nxyz\r\n"},
 };
 
-// --- handlers that are missing
-// -------------------------------------------------------------------------------------------
+// --- handlers that are missing ---------------------------------------------------------------------------------------
 
 class MissingHandlerTest : public WireServerTest, public ::testing::WithParamInterface<WireCase> {
  protected:
@@ -112,8 +111,7 @@ TEST_F(HandlerTest, RequestIsAnsweredWithoutAReplyDoneHandler) {
   EXPECT_EQ(client.received(), okReply("/1") + okReply("/2"));
 }
 
-// --- handlers that end their connection
-// ------------------------------------------------------------------------------------
+// --- handlers that end their connection ------------------------------------------------------------------------------
 
 enum class In { Request, Body, ReplyDone, Error };
 enum class How { Destroy, Close, DestroyAndFail, AnswerAndDestroy };
@@ -228,8 +226,7 @@ TEST_F(HandlerTest, HandlerEndsAnotherConnection) {
   EXPECT_EQ(http().connectionCount, 1);
 }
 
-// --- handlers that stop the server
-// -----------------------------------------------------------------------------------------
+// --- handlers that stop the server -----------------------------------------------------------------------------------
 
 struct StopCase {
   const char* name;
@@ -305,8 +302,7 @@ TEST_F(HandlerTest, StoppedHandlerMayFreeTheServer) {
   settle();
 }
 
-// --- replies that come later
-// -------------------------------------------------------------------------------------------------
+// --- replies that come later -----------------------------------------------------------------------------------------
 
 class LateTest : public WireServerTest {
  protected:
@@ -481,8 +477,7 @@ TEST_F(LateTest, ReplyBeginsBeforeTheBodyHasCome) {
   EXPECT_EQ(callsOf("done"), 1u);
 }
 
-// --- clients that vanish while the reply is being produced
-// ---------------------------------------------------------------------
+// --- clients that vanish while the reply is being produced -----------------------------------------------------------
 
 struct VanishCase {
   const char* name;

@@ -16,8 +16,7 @@ namespace {
 
 using Arguments = std::vector<std::string>;
 
-// --- the command line
-// ------------------------------------------------------------------------------------------------------
+// --- the command line ------------------------------------------------------------------------------------------------
 
 struct Ended {
   std::string outcome;
@@ -174,8 +173,7 @@ TEST_F(KrohttpdTest, AccessLogThatCannotBeOpened) {
   EXPECT_NE(result.errors.find("/nonexistent/log"), std::string::npos) << result.errors;
 }
 
-// --- listening
-// ---------------------------------------------------------------------------------------------------------------
+// --- listening -------------------------------------------------------------------------------------------------------
 
 TEST_F(KrohttpdTest, ListensInSeveralPlacesAtOnce) {
   TemporaryFolder folder;
@@ -191,8 +189,7 @@ TEST_F(KrohttpdTest, ListensInSeveralPlacesAtOnce) {
   EXPECT_NE(access(folder.at("socket").c_str(), F_OK), 0) << "the socket was left behind";
 }
 
-// --- the pages
-// -----------------------------------------------------------------------------------------------------------------
+// --- the pages -------------------------------------------------------------------------------------------------------
 
 TEST_F(KrohttpdTest, Hello) {
   Daemon daemon(demo());
@@ -395,8 +392,7 @@ TEST_F(KrohttpdTest, ExpectContinueOfARefusedRequest) {
   EXPECT_EQ(takeReplies(client.received())[0].status(), 405u);
 }
 
-// --- what is refused
-// -------------------------------------------------------------------------------------------------------------
+// --- what is refused -------------------------------------------------------------------------------------------------
 
 struct RefusedCase {
   const char* name;
@@ -478,8 +474,7 @@ TEST_F(KrohttpdTest, AmbiguousLengthsEndTheConnection) {
   }
 }
 
-// --- HEAD and OPTIONS
-// --------------------------------------------------------------------------------------------------------------
+// --- HEAD and OPTIONS ------------------------------------------------------------------------------------------------
 
 TEST_F(KrohttpdTest, Head) {
   TemporaryFolder folder;
@@ -515,8 +510,7 @@ TEST_F(KrohttpdTest, Options) {
   EXPECT_EQ(reply.body, "");
 }
 
-// --- files
-// -------------------------------------------------------------------------------------------------------------------------
+// --- files -----------------------------------------------------------------------------------------------------------
 
 TEST_F(KrohttpdTest, RootWithoutASlashAndRelative) {
   TemporaryFolder folder;
@@ -552,8 +546,7 @@ TEST_F(KrohttpdTest, LargeFileToManyReadersOfWhomSomeLeave) {
   }
 }
 
-// --- the access log
-// -----------------------------------------------------------------------------------------------------------------
+// --- the access log --------------------------------------------------------------------------------------------------
 
 class AccessLogTest : public KrohttpdTest {
  protected:
@@ -637,8 +630,7 @@ TEST_F(AccessLogTest, OnStandardOutput) {
   EXPECT_NE(daemon.process().output().find("\"GET /hello HTTP/1.1\" 200 13\n"), std::string::npos);
 }
 
-// --- traces
-// --------------------------------------------------------------------------------------------------------------------------
+// --- traces ----------------------------------------------------------------------------------------------------------
 
 TEST_F(KrohttpdTest, TracesGoToStandardErrorByZoneAndLevel) {
   struct Row {
@@ -673,8 +665,7 @@ TEST_F(KrohttpdTest, TracesGoToStandardErrorByZoneAndLevel) {
   }
 }
 
-// --- the end
-// -------------------------------------------------------------------------------------------------------------------------
+// --- the end ---------------------------------------------------------------------------------------------------------
 
 struct SignalCase {
   const char* name;

@@ -34,8 +34,7 @@ class PauseTest : public WireServerTest {
 
 constexpr std::string_view kPost = "POST /a HTTP/1.1\r\nContent-Length: 10\r\n\r\n0123456789";
 
-// --- without a connection
-// ------------------------------------------------------------------------------------------------
+// --- without a connection --------------------------------------------------------------------------------------------
 
 TEST_F(PauseTest, RequestWithoutAPeerIsRefused) {
   struct Row {
@@ -79,8 +78,7 @@ TEST_F(PauseTest, PeerThatHasEndedRefuses) {
                                "http-se[n]resuming request", "http-se[x]unable to resume request"}));
 }
 
-// --- pause
-// -----------------------------------------------------------------------------------------------------------------
+// --- pause -----------------------------------------------------------------------------------------------------------
 
 TEST_F(PauseTest, FromTheBodyHandlerUntilATimer) {
   listen();
@@ -266,8 +264,7 @@ TEST_F(PauseTest, RequestThatIsNeverResumedKeepsItsConnectionPaused) {
   ASSERT_TRUE(until([&] { return client.received() == okReply("/1") + okReply("/2"); }));
 }
 
-// --- temporize
-// ---------------------------------------------------------------------------------------------------------------
+// --- temporize -------------------------------------------------------------------------------------------------------
 
 TEST_F(PauseTest, TemporizedGoesOnWithTheNextReadEvent) {
   listen();
