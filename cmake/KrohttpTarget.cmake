@@ -23,7 +23,10 @@ function(krohttp_library name building)
       add_library(${target} SHARED ${ARGN})
       set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
       # Calls within the library are direct: nobody is meant to replace a single function of it.
-      target_link_options(${target} PRIVATE -Wl,-z,defs -Wl,-Bsymbolic-functions)
+      target_link_options(${target} PRIVATE -Wl,-Bsymbolic-functions)
+      if(NOT KROHTTP_SANITIZE)  # clang leaves the sanitizers' own symbols to the program
+        target_link_options(${target} PRIVATE -Wl,-z,defs)
+      endif()
     else()
       add_library(${target} STATIC ${ARGN})
     endif()
