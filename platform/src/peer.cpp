@@ -80,7 +80,6 @@ bool checkAlive(ZelPeer* peer) {
 bool takesOutput(const ZelPeer* peer) { return !peer->blocked && peer->output.bytes == 0; }
 
 void onSocket(ZelPeer* peer, bool failed, int events) {
-  loop_markWork(peer);
   if (failed || (events & UV_WRITABLE)) peer->blocked = false;
   if (peer->handlers[kOnData]) {
     if ((failed || (events & UV_READABLE)) && !offerInput(peer)) return;

@@ -7,7 +7,8 @@ struct Stutter {
   size_t writePiece = SIZE_MAX;  // at most this many bytes in one write
   size_t refuseEvery = 0;        // every n-th write is refused with EAGAIN
   size_t writes = 0;
-  size_t afterEnd = 0;  // calls after the peer's last close handler
+  size_t breaksAfter = SIZE_MAX;  // this many writes
+  size_t afterEnd = 0;            // calls after the peer's last close handler
   bool down = false;
   std::string held;  // taken from the socket, not yet given out
   size_t readPiece = SIZE_MAX;
@@ -45,6 +46,7 @@ ssize_t stutterRead(ZelPeer* peer, void* buffer, size_t length) {
 ssize_t stutterWrite(ZelPeer* peer, const void* buffer, size_t length) {
   stutter.afterEnd += stutter.down;
   ++stutter.writes;
+  if (stutter.writes > stutter.breaksAfter) return refuse(EPIPE);
   if (stutter.refuseEvery && stutter.writes % stutter.refuseEvery == 0) return refuse(EAGAIN);
   return send(peer_socket(peer), buffer, std::min(length, stutter.writePiece), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
@@ -106,6 +108,21 @@ TEST_P(TransportWriteTest, EveryByteArrivesOnce) {
 
 INSTANTIATE_TEST_SUITE_P(Platform, TransportWriteTest, ::testing::ValuesIn(kWrites),
                          [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(TransportTest, ADirectWriteThatBreaksInTheMiddleFails) {
+  ZelPeer* peer = makePeer(&other_);
+  peer_setTransport(peer, &kStutter);
+  stutter.writePiece = 10;
+  stutter.breaksAfter = 1;
+  probe_.on(peer, PEER_EVENT_CLOSE, [](ZelPeer*) { return true; });
+  EXPECT_TRUE(peer_setStreamType(peer, PEER_STREAM_DIRECT));
+  const std::string sent = pattern(100);
+  errno = 0;
+  EXPECT_LT(fwrite(sent.data(), 1, sent.size(), peer_outStream(peer, PEER_STREAM_DIRECT)), sent.size());
+  EXPECT_EQ(errno, EPIPE);
+  EXPECT_EQ(probe_.count(PEER_EVENT_CLOSE), 0u);
+  ASSERT_TRUE(until([&] { return probe_.count(PEER_EVENT_CLOSE) == 1; }));
+}
 
 TEST_F(TransportTest, BytesThatTheTransportHoldsRaiseData) {
   ZelPeer* peer = makePeer(&other_);

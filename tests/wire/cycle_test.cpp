@@ -493,6 +493,19 @@ TEST_F(CycleTest, ClientThatLeavesWhileTheReplyIsAwaited) {
                                          switched("SENDING_REPLY", "REPLY_SENT")}}));
 }
 
+// The end of one reply is not taken for that of the next.
+TEST_F(CycleTest, ClientThatLeavesWhileItsSecondReplyIsAwaited) {
+  listen();
+  WireClient client(address());
+  exchange(client, kGet);
+  onRequest = [](HttpRequest*, HttpReply*) { return 0; };
+  client.send("GET /b HTTP/1.1\r\n\r\n");
+  settle();
+  client.leave();
+  ASSERT_TRUE(until([&] { return http().connectionCount == 0; }));
+  EXPECT_EQ(calls, (Calls{"request GET /a", "done 200", "request GET /b", "done 0"}));
+}
+
 // With a pipelined byte unread nothing looks at the socket; the end of the client is noticed all the same.
 TEST_F(CycleTest, ClientThatLeavesBehindAPipelinedRequestWhileTheReplyIsAwaited) {
   listen();
@@ -616,8 +629,7 @@ TEST_F(CycleTest, BodyHandlerThatRefuses) {
                                          "[x]closed while in state REQUEST_RECEIVED", "[x]calling error handler"}}));
 }
 
-// --- heads of any size
-// -------------------------------------------------------------------------------------------------
+// --- heads of any size -----------------------------------------------------------------------------------------------
 
 TEST_F(CycleTest, HeadThatGrowsLeavesTheRequestAsItIs) {
   listen();
@@ -853,6 +865,7 @@ TEST_F(CycleTest, StopLeavesOtherPeersAlone) {
   settle();
   http_serverStop(&http());
   ASSERT_TRUE(until([&] { return client.ended(); }));
+  ASSERT_TRUE(until([&] { return callsOf("stopped") > 0; }));
   EXPECT_GE(peer_socket(withoutUserData), 0);
   EXPECT_GE(peer_socket(withUserData), 0);
   close(first[1]);

@@ -590,8 +590,7 @@ TEST_F(HugeTest, IsSentToItsLastByte) {
   for (const Mark& mark : kMarks) EXPECT_EQ(seen[mark.at], mark.text);
 }
 
-// --- sockets that take little at a time
-// -------------------------------------------------------------------------------
+// --- sockets that take little at a time ------------------------------------------------------------------------------
 
 struct TrickleCase {
   const char* name;
