@@ -259,8 +259,9 @@ void connect_unref(ZelPeer* peer) {
 bool socketAddress_ofPath(const char* path, sockaddr_un* address) {
   *address = {};
   address->sun_family = AF_UNIX;
-  if (!path || !*path || strlen(path) >= sizeof(address->sun_path)) return fail(ZEL_ERROR_ADDRESS);
-  strcpy(address->sun_path, path);
+  const size_t length = path ? strlen(path) : 0;
+  if (length == 0 || length >= sizeof(address->sun_path)) return fail(ZEL_ERROR_ADDRESS);
+  memcpy(address->sun_path, path, length);
   return true;
 }
 

@@ -155,12 +155,10 @@ void peer_closeSocket(ZelPeer* peer) {
 void peer_lingerEvent(ZelPeer* peer, bool failed, int events) {
   if (peer->fd < 0) return;
   const size_t queued = peer->output.bytes;
-  if (failed) {
-    peer_closeSocket(peer);
-  } else if (queued > 0) {
+  if (!failed && queued > 0) {
     if (events & UV_WRITABLE) peer->blocked = false;
     peer_continueEnding(peer);
-  } else if (!dropInput(peer)) {
+  } else if (failed || !dropInput(peer)) {
     peer_closeSocket(peer);
   }
   if (peer->heldByTurn) return;

@@ -7,7 +7,8 @@
 namespace zel {
 
 namespace {
-constexpr size_t kChunkSize = 4096;
+/** A chunk takes one page. */
+constexpr size_t kChunkData = 4096 - 16;
 constexpr size_t kPooledChunks = 64;
 }  // namespace
 
@@ -15,7 +16,7 @@ struct Chunk {
   Chunk* next;
   uint32_t start;
   uint32_t end;
-  char data[kChunkSize - sizeof(Chunk*) - 2 * sizeof(uint32_t)];
+  char data[kChunkData];
 };
 
 namespace {
