@@ -503,7 +503,9 @@ TEST_F(CycleTest, ClientThatLeavesWhileItsSecondReplyIsAwaited) {
   settle();
   client.leave();
   ASSERT_TRUE(until([&] { return http().connectionCount == 0; }));
-  EXPECT_EQ(calls, (Calls{"request GET /a", "done 200", "request GET /b", "done 0"}));
+  EXPECT_EQ(callsOf("request"), 2u);
+  EXPECT_EQ(callsOf("done"), 2u);
+  EXPECT_EQ(http().repliesSent, 1);
 }
 
 // With a pipelined byte unread nothing looks at the socket; the end of the client is noticed all the same.

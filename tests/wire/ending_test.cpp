@@ -136,6 +136,47 @@ TEST_F(EndingTest, StoppedServerStillSendsAll) {
   EXPECT_EQ(calls.back(), "stopped");
 }
 
+// A chunked reply that was begun and not completed lacks its last chunk, whoever ended the connection.
+struct BegunCase {
+  const char* name;
+  std::function<void(WireClient&, HttpRequest*)> end;
+  bool fails = false;  // the request handler does
+};
+void PrintTo(const BegunCase& row, std::ostream* out) { *out << row.name; }
+const BegunCase kBegun[] = {
+    {"DestroyedByTheApplication", [](WireClient&, HttpRequest* request) { peer_destroy(http_requestPeer(request)); }},
+    {"ClosedByTheApplication", [](WireClient&, HttpRequest* request) { peer_close(http_requestPeer(request)); }},
+    {"FinishedByTheClient", [](WireClient& client, HttpRequest*) { client.finish(); }},
+    {"RefusedByTheHandler", [](WireClient&, HttpRequest*) {}, true},
+};
+class BegunTest : public WireServerTest, public ::testing::WithParamInterface<BegunCase> {};
+INSTANTIATE_TEST_SUITE_P(Ending, BegunTest, ::testing::ValuesIn(kBegun),
+                         [](const auto& parameter) { return parameter.param.name; });
+
+TEST_P(BegunTest, ReplyDoesNotLookComplete) {
+  listen();
+  HttpRequest* begun = nullptr;
+  onRequest = [&](HttpRequest* request, HttpReply* reply) {
+    http_replyStatusCodeSet(reply, 200, nullptr);
+    http_replyHeaderValueSet(reply, "Transfer-Encoding", "chunked");
+    http_replySend(reply);
+    FILE* stream = http_replyBody(reply);
+    EXPECT_GE(fputs("begun", stream), 0);
+    EXPECT_EQ(fflush(stream), 0);
+    begun = request;
+    return GetParam().fails ? -1 : 0;
+  };
+  TraceCapture trace;
+  WireClient client(address());
+  client.send("GET /a HTTP/1.1\r\n\r\n");
+  const std::string part = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nbegun\r\n";
+  ASSERT_TRUE(until([&] { return client.received().size() >= part.size(); })) << client.received();
+  GetParam().end(client, begun);
+  ASSERT_TRUE(until([&] { return client.ended(); }));
+  EXPECT_EQ(client.received(), part);
+  EXPECT_EQ(http().connectionCount, 0);
+}
+
 // --- a body that the application does not read to its end ------------------------------------------------------------
 
 constexpr std::string_view kSmuggled = "GET /smuggled HTTP/1.1\r\nHost: x\r\n\r\n";
