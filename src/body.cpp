@@ -34,6 +34,8 @@ struct NormalBody {
   FILE* stream;     // the body stream itself
   uint32_t length;  // 0: until the connection closes (reading), or no limit (writing)
   uint32_t done;
+  bool begun;    // something has been transferred: done may have come round to 0
+  bool clipped;  // the announced length does not fit
 };
 
 // A body of known length that can be read again from up to 64 KiB back.
@@ -103,6 +105,9 @@ void traceRead(const NormalBody* body, ssize_t count, size_t size, const char* d
              static_cast<int>(std::max<ssize_t>(count, 0)), data, body->done, body->length, amount);
 }
 
+// An announced length that was not reached leaves the message cut.
+bool isCut(const NormalBody* body) { return body->clipped || (body->length != 0 && body->done != body->length); }
+
 void endReached(HttpMessage* message, ssize_t count) {
   const int error = errno;
   TRACE_INFO("end of body reached (read %i: %s)", static_cast<int>(count), std::strerror(error));
@@ -133,13 +138,17 @@ ssize_t body_read_normal(void* cookie, char* buffer, size_t size) {
   const size_t count = fread_unlocked(buffer, 1, amount, body->parent);
   const int error = errno;
   body->done += static_cast<uint32_t>(count);
+  body->begun |= count > 0;
   const bool parentEnded = feof_unlocked(body->parent);
   traceRead(body, static_cast<ssize_t>(count), size, buffer, amount);
   errno = error;
-  if (count < amount && !parentEnded && body->done != body->length) return shortCount(message, count);
+  const bool atLength = body->done == body->length && (body->length != 0 || !body->begun);
+  if (count < amount && !parentEnded && !atLength) return shortCount(message, count);
 
-  if ((body->length != 0 && body->done == body->length) || (body->length == 0 && parentEnded) || count == 0)
+  if ((body->length != 0 && body->done == body->length) || (body->length == 0 && parentEnded) || count == 0) {
+    if (isCut(body)) message->bodyCut = 1;
     endReached(message, static_cast<ssize_t>(count));
+  }
   return static_cast<ssize_t>(count);
 }
 
@@ -490,6 +499,7 @@ FILE* openOfLength(HttpMessage* message, FILE* parent, uint64_t length, const ch
   Body* const body = open<Body>(message, parent, length, mode, functions);
   if (body == nullptr) return nullptr;
   body->length = static_cast<uint32_t>(length);
+  body->clipped = length > UINT32_MAX;
   return body->stream;
 }
 
@@ -563,6 +573,8 @@ FILE* body_fopen(HttpMessage* message, FILE* parent, const char* mode) {
     }
     case HTTP_BODY_MULTIPART:
       TRACE_NOTICE("opening multipart body with content length %" PRIu64, kind.length);
+      // Whoever only passes it on needs no way back into it, nor the wait that comes with it.
+      if (message->relayed) return openOfLength<NormalBody>(message, parent, kind.length, mode, kNormal);
       return openOfLength<BufferedBody>(message, parent, kind.length, mode, kBuffered);
   }
   return nullptr;

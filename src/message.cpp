@@ -522,6 +522,11 @@ int http_msgParse(HttpMessage* message) {
     return -1;
   }
 
+  if (message->stream == nullptr) {
+    TRACE_ERROR("unable to parse message: not connected");
+    return abandon(message, HTTP_MSG_ACCEPTED);
+  }
+
   // What the message before it handed out is overwritten from here on.
   if (message->state == HTTP_MSG_FIRST_LINE && message->fill == 0) forgetTexts(message);
   char* line = nullptr;
@@ -764,12 +769,12 @@ const char* msg_headerText(const HttpMessage* message, int code) {
   return nullptr;
 }
 
-int msg_headerCopy(HttpMessage* message, const char* name, const char* value) {
+int msg_headerCopy(HttpMessage* message, const char* name, const char* value, bool allowEmpty) {
   if (appendHeaderText(message, name, value) < 0) {
     TRACE_ERROR("unable to set header line");
     return -1;
   }
-  return msg_parseHeaderLine(message, message->buffer + message->lineStart, false);
+  return msg_parseHeaderLine(message, message->buffer + message->lineStart, allowEmpty);
 }
 
 extern "C" {
@@ -912,6 +917,12 @@ extern "C" {
 
 FILE* http_msgBody(HttpMessage* message) {
   if (message->body != nullptr) return message->body;
+  if (message->stream == nullptr && (message->mode == HTTP_MSG_READING || message->mode == HTTP_MSG_WRITING)) {
+    errno = ENOTCONN;
+    TRACE_ERROR("unable to open message body: %m");
+    message->state = HTTP_MSG_FAILED;
+    return nullptr;
+  }
   switch (message->mode) {
     case HTTP_MSG_READING:
       return openForReading(message);
@@ -965,10 +976,12 @@ HttpMessage* http_msgReset(HttpMessage* message) {
   message->versionMajor = message->versionMinor = 0;
   message->body = nullptr;
   message->bodyCut = 0;
+  message->relayed = 0;
   return message;
 }
 
 void http_msgCleanup(HttpMessage* message) {
+  if (message->peer != nullptr && message->ownerType == HTTP_MSG_OWNED_BY_CLIENT) cl_messageGone(message);
   std::free(message->buffer);
   if (message->body != nullptr && message->state == HTTP_MSG_BODY) std::fclose(message->body);
   message->body = nullptr;

@@ -3,6 +3,7 @@
 
 #include <krohttp/message.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -30,13 +31,20 @@ void rp_forget(HttpReply* reply);
 // A reply of a server connection has just become complete.
 void srv_replyCompleted(HttpMessage* reply);
 
+// A message that a client works on is about to be cleaned up.
+void cl_messageGone(HttpMessage* message);
+
 // --- offered to the neighbours ---------------------------------------------------------------------------------------
 
 // msg_setStatusLine() for a finished text of @p length characters and a NUL.
 int msg_setFirstLine(HttpMessage* message, const char* text, size_t length);
 
-// Writes @p text to @p stream. False when not all of it could be written.
+// Writes @p text to @p stream. False when not all of it could be written, and without a stream.
 inline bool msg_writeText(FILE* stream, std::string_view text) {
+  if (stream == nullptr) {
+    errno = ENOTCONN;
+    return false;
+  }
   return fwrite_unlocked(text.data(), 1, text.size(), stream) == text.size();
 }
 
@@ -44,7 +52,7 @@ inline bool msg_writeText(FILE* stream, std::string_view text) {
 const char* msg_headerText(const HttpMessage* message, int code);
 
 // Adds a header with name and value as they are.
-int msg_headerCopy(HttpMessage* message, const char* name, const char* value);
+int msg_headerCopy(HttpMessage* message, const char* name, const char* value, bool allowEmpty = false);
 
 // The message has just become done: tells the owner of a reply, who may be waiting for just that.
 inline void msg_completed(HttpMessage* message) {

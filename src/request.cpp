@@ -1,7 +1,9 @@
 #include <krohttp/request.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <string_view>
 
 #include "memory.h"
 #include "message_internal.h"
@@ -99,6 +101,11 @@ int http_requestMethodSet(HttpRequest* request, int method, const char* uri) {
 
 namespace {
 
+// A decoded path may hold what would end the request line, and begin another request.
+bool fitsIntoLine(std::string_view uri) {
+  return std::none_of(uri.begin(), uri.end(), [](char c) { return static_cast<unsigned char>(c) < 32 || c == 127; });
+}
+
 int sendHead(HttpRequest* request) {
   HttpMessage* const message = &request->message;
   const CString uri(http_uriSerialize(&request->uri));
@@ -106,7 +113,8 @@ int sendHead(HttpRequest* request) {
     TRACE_ERROR("unable to serialize uri");
     return -1;
   }
-  if (std::fprintf(message->stream, "%s %s HTTP/%u.%u\r\n", prot_methodString(request->method), uri.get(),
+  if (message->stream == nullptr || !fitsIntoLine(uri.get()) ||
+      std::fprintf(message->stream, "%s %s HTTP/%u.%u\r\n", prot_methodString(request->method), uri.get(),
                    message->versionMajor, message->versionMinor) < 0) {
     TRACE_ERROR("unable to send request line");
     return -1;

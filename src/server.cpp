@@ -23,6 +23,8 @@
 
 #include "memory.h"
 #include "message_internal.h"
+#include "server_internal.h"
+#include "watch.h"
 
 #define TRACE_ZONE "http-server"
 #include "trace.h"
@@ -38,36 +40,17 @@ constexpr uint32_t kKeptBuffer = 2048;
 // A connection with what only this file needs to know.
 struct Connection : HttpServerConnection {
   bool corked;               // the socket takes TCP_CORK
+  bool uncorked;             // for the rest of this reply everything leaves at once
   bool replyDoneTold;        // replyDoneHandler has been called for this reply
   uint64_t staticRemaining;  // bytes still to send of a regular file, as announced: it may grow or shrink meanwhile
   ZelTimer* later;           // runs goOnLater(), null until it is needed
+  ReplyFollower* follower;   // writes the reply, null for the application
   Connection* previous;      // all connections of all servers, oldest first
   Connection* next;
 };
 
 Connection* oldest = nullptr;
 Connection* newest = nullptr;
-
-// Stands on the stack while handlers of the application run, which may close the connection under it.
-class Watch {
- public:
-  explicit Watch(Connection* connection) : connection_(connection), outer_(innermost) { innermost = this; }
-  ~Watch() { innermost = outer_; }
-  Watch(const Watch&) = delete;
-  Watch& operator=(const Watch&) = delete;
-
-  bool gone() const { return connection_ == nullptr; }
-
-  static void tellGone(const Connection* connection) {
-    for (Watch* watch = innermost; watch != nullptr; watch = watch->outer_)
-      if (watch->connection_ == connection) watch->connection_ = nullptr;
-  }
-
- private:
-  static inline Watch* innermost = nullptr;
-  Connection* connection_;
-  Watch* outer_;
-};
 
 // Walks all connections, whichever of them close meanwhile.
 class Walk {
@@ -147,10 +130,29 @@ bool setTcpOption(int socket, int option, int value) {
 
 // Sends a partial segment at once, and holds the next one back again.
 void pushOut(const Connection* connection, ZelPeer* peer) {
-  if (!connection->corked) return;
+  if (!connection->corked || connection->uncorked) return;
   const int socket = peer_socket(peer);
   setTcpOption(socket, TCP_CORK, 0);
   setTcpOption(socket, TCP_CORK, 1);
+}
+
+void uncork(Connection* connection) {
+  if (!connection->corked || connection->uncorked) return;
+  connection->uncorked = true;
+  setTcpOption(peer_socket(peerOf(connection)), TCP_CORK, 0);
+}
+
+void recork(Connection* connection) {
+  if (!connection->uncorked) return;
+  connection->uncorked = false;
+  setTcpOption(peer_socket(peerOf(connection)), TCP_CORK, 1);
+}
+
+// Nobody else writes this reply any more.
+void dismissFollower(Connection* connection) {
+  ReplyFollower* const follower = connection->follower;
+  connection->follower = nullptr;
+  if (follower != nullptr) follower->gone(follower);
 }
 
 void closeOpenBody(HttpMessage* message) {
@@ -364,6 +366,8 @@ int srv_handleReadDone(Connection* connection, ZelPeer* peer) {
     // No event would come for a failed reply either.
     return srv_handleWriteDone(peer) ? kHandled : kDrop;
   }
+  // What was written before this has left without an event.
+  if (queued == 0 && connection->follower != nullptr) connection->follower->drained(connection->follower);
   return kHandled;
 }
 
@@ -404,7 +408,7 @@ int readStep(Connection* connection, ZelPeer* peer) {
   }
 }
 
-bool readAvailable(Connection* connection, ZelPeer* peer, const Watch& watch) {
+bool readAvailable(Connection* connection, ZelPeer* peer, const Watch<Connection>& watch) {
   while (connection->request.message.paused == HTTP_MSG_RUNNING) {
     const int result = readStep(connection, peer);
     if (result != kGoOn) return result != kDrop;
@@ -442,6 +446,8 @@ void awaitNextRequest(Connection* connection, ZelPeer* peer) {
   HttpMessage* const request = &connection->request.message;
   HttpMessage* const reply = &connection->reply.message;
   TRACE_NOTICE("no, prepare to handle new request");
+  dismissFollower(connection);
+  recork(connection);
   closeOpenBody(request);
   closeOpenBody(reply);
   http_requestReset(&connection->request);
@@ -468,7 +474,10 @@ bool srv_handleWriteDone(ZelPeer* peer) {
   expect(connection, HTTP_SERVER_SENDING_REPLY);
   if (connection->staticFd >= 0) return srv_handleWriteFileReplyDone(peer);
   if (reply->state == HTTP_MSG_FAILED) return false;
-  if (reply->state != HTTP_MSG_DONE) return true;
+  if (reply->state != HTTP_MSG_DONE) {
+    if (connection->follower != nullptr) connection->follower->drained(connection->follower);
+    return true;
+  }
 
   TRACE_NOTICE("response sent");
   http_replyDone(&connection->reply);
@@ -545,10 +554,11 @@ void releaseMessages(Connection* connection) {
 bool srv_handleClose(ZelPeer* peer) {
   Connection* const connection = connectionOf(peer);
   HttpServer* const server = connection->server;
-  Watch::tellGone(connection);
+  Watch<Connection>::tellGone(connection);
   checkOwnership(connection);
   TRACE_NOTICE("connection closed (%d)", peer_socket(peer));
   if (!server->stopped) reportClose(connection, peer);
+  dismissFollower(connection);
   if (connection->staticFd >= 0) {
     TRACE_NOTICE("cleanup static file descriptor");
     resetStatic(connection);
@@ -894,13 +904,56 @@ int sendResolved(HttpReply* reply, const char* path, bool gzip) {
 
 }  // namespace
 
-void srv_replyCompleted(HttpMessage* reply) {
-  if (reply->peer == nullptr) return;
+// --- the seams -------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// The connection that @p reply belongs to, null when it is not a server's.
+Connection* connectionOfReply(const HttpMessage* reply) {
+  if (reply->peer == nullptr || reply->ownerType != HTTP_MSG_OWNED_BY_SERVER) return nullptr;
   Connection* const connection = connectionOf(reply->peer);
-  if (connection == nullptr || reply != &connection->reply.message) return;
+  return connection != nullptr && reply == &connection->reply.message ? connection : nullptr;
+}
+
+}  // namespace
+
+void srv_replyCompleted(HttpMessage* reply) {
+  Connection* const connection = connectionOfReply(reply);
+  if (connection == nullptr) return;
   if (connection->state == HTTP_SERVER_SENDING_REPLY && connection->staticFd < 0 && peer_bytesQueued(reply->peer) == 0)
     startLater(connection, 0);
 }
+
+bool srv_follow(HttpReply* reply, ReplyFollower* follower) {
+  Connection* const connection = connectionOfReply(&reply->message);
+  if (connection == nullptr) return false;
+  dismissFollower(connection);
+  connection->follower = follower;
+  return true;
+}
+
+void srv_unfollow(HttpReply* reply, const ReplyFollower* follower) {
+  Connection* const connection = connectionOfReply(&reply->message);
+  if (connection != nullptr && connection->follower == follower) connection->follower = nullptr;
+}
+
+void srv_uncork(HttpReply* reply) {
+  if (Connection* const connection = connectionOfReply(&reply->message)) uncork(connection);
+}
+
+void srv_cut(HttpReply* reply) {
+  if (Connection* const connection = connectionOfReply(&reply->message)) peer_destroy(peerOf(connection));
+}
+
+namespace {
+
+bool expectsContinue(HttpRequest* request, const HttpReply* reply) {
+  const char* const expectation = msg_headerText(&request->message, HTTP_HEADER_EXPECT);
+  return expectation != nullptr && strcasecmp(expectation, "100-continue") == 0 && request->message.versionMinor > 0 &&
+         request->message.state == HTTP_MSG_BODY && reply->message.state < HTTP_MSG_BODY;
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -926,6 +979,15 @@ void http_serverStop(HttpServer* server) {
   server->peer = nullptr;
   server->stopped = 1;
   srv_hasStopped(server);
+}
+
+int http_serverContinue(HttpRequest* request, HttpReply* reply) {
+  if (!expectsContinue(request, reply)) return 0;
+  srv_uncork(reply);
+  FILE* const stream = reply->message.stream;
+  if (msg_writeText(stream, "HTTP/1.1 100 Continue\r\n\r\n") && fflush_unlocked(stream) == 0) return 0;
+  TRACE_ERROR("unable to send interim reply: %m");
+  return -1;
 }
 
 int http_serverPauseRequest(HttpRequest* request) {

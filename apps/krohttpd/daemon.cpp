@@ -130,8 +130,9 @@ int daemonRun(const Options& options) {
   daemon_ = &daemon;
   clock_gettime(CLOCK_MONOTONIC, &daemon.started);
   daemon.connection.reset(connection_create());
-  routesSetUp(options, count);
+  routesSetUp(options, count, daemon.connection.get());
   const int status = serve(options);
+  routesTearDown();
   daemon.deadline.reset();
   daemon.connection.reset();
   zel_loop_close();

@@ -1,9 +1,5 @@
 #include "echo.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <strings.h>
-#include <sys/socket.h>
 #include <zel/peer.h>
 
 #include <cstdint>
@@ -38,25 +34,6 @@ bool contentLength(HttpRequest* request, uint64_t* length) {
   if (found) *length = header.contentLength.length;
   http_hdrCleanup(&header);
   return found;
-}
-
-bool expectsContinue(HttpRequest* request) {
-  const char* const expectation = http_requestHeaderValue(request, "Expect");
-  return expectation != nullptr && strcasecmp(expectation, "100-continue") == 0 && http_requestVersion(request)[1] > 0;
-}
-
-// The socket is corked: an interim reply would wait in it for a full segment.
-bool pushInterimReply(ZelPeer* peer) {
-  const int socket = peer_socket(peer);
-  for (const int value : {0, 1}) setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value);
-  return peer_setEventHandler(peer, PEER_EVENT_DRAINED, PEER_DIRECTION_OUT, nullptr);
-}
-
-// RFC 9110 section 10.1.1.
-bool sendContinue(HttpReply* reply) {
-  FILE* const stream = http_replyStream(reply);
-  peer_setEventHandler(http_replyPeer(reply), PEER_EVENT_DRAINED, PEER_DIRECTION_OUT, pushInterimReply);
-  return fputs("HTTP/1.1 100 Continue\r\n\r\n", stream) >= 0 && fflush(stream) == 0;
 }
 
 // The reader has caught up: the server reads on, unless it has taken the event over for the end of the reply.
@@ -95,17 +72,12 @@ int setHead(HttpRequest* request, HttpReply* reply, const Echo& echo) {
 int echoBegin(HttpRequest* request, HttpReply* reply) {
   Echo echo;
   echo.counted = contentLength(request, &echo.expected);
-  if (echo.counted && echo.expected > UINT32_MAX) {
-    // Body streams count 32 bits.
-    if (announceClose(reply) == 0) replyWithStatus(request, reply, 413);
-    return -1;
-  }
-  if (expectsContinue(request) && http_requestState(request) == HTTP_MSG_BODY && !sendContinue(reply)) return -1;
   // Without a header that says so, a body would last until the connection ends, and never be answered.
   const bool empty =
       http_requestState(request) == HTTP_MSG_DONE || http_requestBodyType(request) == HTTP_BODY_UNTIL_CLOSE;
   if (empty) return replyWithText(request, reply, 200, "", "");
-  if (setHead(request, reply, echo) < 0 || http_replySend(reply) < 0) return -1;
+  if (http_serverContinue(request, reply) < 0 || setHead(request, reply, echo) < 0 || http_replySend(reply) < 0)
+    return -1;
   echoes[http_requestPeer(request)] = echo;
   return 0;
 }

@@ -37,6 +37,26 @@ ListenAddress parseListen(const std::string& text) {
   return {false, host.empty() ? "*" : host, text.substr(colon + 1)};
 }
 
+[[noreturn]] void refuseProxy(const std::string& text) {
+  refuse("--proxy: '" + text + "' is not PREFIX=tcp:HOST:PORT or PREFIX=ipc:PATH");
+}
+
+// "PREFIX=tcp:HOST:PORT", "PREFIX=tcp:[IPv6]:PORT" or "PREFIX=ipc:PATH".
+ProxyTarget parseProxy(const std::string& text) {
+  const size_t equals = text.find('=');
+  if (!text.starts_with('/') || equals == std::string::npos) refuseProxy(text);
+  const std::string prefix = text.substr(0, equals);
+  const std::string target = text.substr(equals + 1);
+  if (target.starts_with("ipc:") && target.size() > 4) return {prefix, "ipc", target.substr(4)};
+  const size_t colon = target.rfind(':');
+  if (!target.starts_with("tcp:") || colon < 5 || !isPort(target.substr(colon + 1))) refuseProxy(text);
+  std::string host = target.substr(4, colon - 4);
+  const bool bracketed = host.starts_with('[') && host.ends_with(']');
+  if (bracketed) host = host.substr(1, host.size() - 2);
+  if (host.empty() || (!bracketed && host.find(':') != std::string::npos)) refuseProxy(text);
+  return {prefix, host, target.substr(colon + 1)};
+}
+
 // "ZONE" or "ZONE=LEVEL", the level by name or number.
 TraceZone parseTrace(const std::string& text) {
   const size_t equals = text.find('=');
@@ -66,6 +86,7 @@ Options parse(CLI::App& app, int argc, char** argv) {
   Options options;
   std::vector<std::string> listen;
   std::vector<std::string> traces;
+  std::vector<std::string> proxies;
   std::string root;
   app.add_option("--listen", listen, "Where to listen: HOST:PORT, [IPv6]:PORT or unix:PATH; repeatable")
       ->type_name("ADDRESS")
@@ -74,6 +95,17 @@ Options parse(CLI::App& app, int argc, char** argv) {
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   app.add_option("--root", root, "Serve the files below this directory")->type_name("DIR");
   app.add_flag("--demo", options.demo, "Add GET /hello, POST /echo and GET /status");
+  app.add_option("--proxy", proxies,
+                 "Hand requests below PREFIX to another process: PREFIX=tcp:HOST:PORT or PREFIX=ipc:PATH; repeatable, "
+                 "the longest prefix wins")
+      ->type_name("PREFIX=TARGET")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  app.add_option("--proxy-timeout", options.proxyTimeout,
+                 "Give up after so many seconds without progress, 0 for no limit")
+      ->type_name("SECONDS")
+      ->capture_default_str()
+      ->check(CLI::Range(0U, 86400U));
   app.add_option("--access-log", options.accessLog, "Append a line per request to this file, - for standard output")
       ->type_name("FILE");
   app.add_option("--trace", traces,
@@ -88,7 +120,9 @@ Options parse(CLI::App& app, int argc, char** argv) {
   if (listen.empty()) listen.push_back("127.0.0.1:8080");
   for (const std::string& address : listen) options.listen.push_back(parseListen(address));
   for (const std::string& trace : traces) options.traces.push_back(parseTrace(trace));
-  if (root.empty() && !options.demo) refuse("nothing to serve: give --root DIR, --demo or both");
+  for (const std::string& proxy : proxies) options.proxies.push_back(parseProxy(proxy));
+  if (root.empty() && !options.demo && proxies.empty())
+    refuse("nothing to serve: give --root DIR, --demo or --proxy PREFIX=TARGET");
   if (!root.empty()) options.root = resolveRoot(root);
   return options;
 }

@@ -16,11 +16,20 @@ struct TraceZone {
   int level = 0;
 };
 
+// Requests below prefix go to host and port; for a local socket host is "ipc" and port its path.
+struct ProxyTarget {
+  std::string prefix;
+  std::string host;
+  std::string port;
+};
+
 struct Options {
   std::vector<ListenAddress> listen;
   std::string root;  // resolved, with a slash at its end; empty: no files are served
   bool demo = false;
-  std::string accessLog;  // "-" for standard output, empty: none
+  std::vector<ProxyTarget> proxies;
+  unsigned proxyTimeout = 60;  // seconds without progress; 0: no limit
+  std::string accessLog;       // "-" for standard output, empty: none
   std::vector<TraceZone> traces;
 };
 

@@ -28,14 +28,13 @@ const char* httpDate() {
   return text;
 }
 
-// Whether the server will close after this request: HTTP/1.0 always, else when the client asks for it.
+}  // namespace
+
 bool closesAfter(HttpRequest* request) {
   if (http_requestVersion(request)[1] == 0) return true;
   const char* const connection = http_requestHeaderValue(request, "Connection");
   return connection != nullptr && strcasestr(connection, "close") != nullptr;
 }
-
-}  // namespace
 
 int announceClose(HttpReply* reply) { return http_replyHeaderValueSet(reply, "Connection", "close"); }
 

@@ -8,6 +8,9 @@
 // Adds Date, Server, and Connection: close where the connection will not be kept. Returns 0 or -1.
 int addCommonHeaders(HttpRequest* request, HttpReply* reply);
 
+// Whether the connection closes after this request: HTTP/1.0 always, else when the client asks for it.
+bool closesAfter(HttpRequest* request);
+
 // Adds Connection: close.
 int announceClose(HttpReply* reply);
 

@@ -3,12 +3,15 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "access_log.h"
 #include "echo.h"
+#include "forward.h"
 #include "replies.h"
 
 namespace {
@@ -58,6 +61,7 @@ struct Framing {
   int lengths = 0;
   int codings = 0;
   bool lengthIsNumber = true;
+  bool tooLong = false;  // body streams count 32 bits
 };
 
 Framing framingOf(HttpRequest* request) {
@@ -75,6 +79,7 @@ Framing framingOf(HttpRequest* request) {
     const std::string_view text = value;
     framing.lengthIsNumber =
         text.find_first_not_of("0123456789") == std::string_view::npos && text.size() <= kLongest.size();
+    framing.tooLong = framing.lengthIsNumber && std::strtoull(value, nullptr, 10) > UINT32_MAX;
   }
   return framing;
 }
@@ -97,6 +102,7 @@ unsigned refusalOf(HttpRequest* request) {
   if (isAmbiguous(framing)) return 400;
   if (version[1] > 0 && framing.hosts != 1) return 400;  // RFC 9112 section 3.2
   if (http_requestBodyType(request) == HTTP_BODY_UNKNOWN) return 501;
+  if (framing.tooLong) return 413;
   if (hasUnknownExpectation(request)) return 417;
   switch (http_requestMethod(request)) {
     case HTTP_METHOD_CONNECT:
@@ -124,13 +130,16 @@ int refuse(HttpRequest* request, HttpReply* reply, unsigned code, const char* al
   if ((hasBody || isAmbiguous(framingOf(request))) && announceClose(reply) < 0) return -1;
   if (replyWithStatus(request, reply, code, allow) < 0) return -1;
   const int type = http_requestBodyType(request);
-  const bool unreadable = type == HTTP_BODY_MULTIPART || type == HTTP_BODY_UNKNOWN || isAmbiguous(framingOf(request));
+  const bool unreadable =
+      type == HTTP_BODY_MULTIPART || type == HTTP_BODY_UNKNOWN || code == 413 || isAmbiguous(framingOf(request));
   return hasBody && unreadable ? -1 : 0;
 }
 
 int answer(HttpRequest* request, HttpReply* reply) {
   const char* const allow = wantsEcho(request) ? kEchoMethods : kReadMethods;
   if (const unsigned code = refusalOf(request); code != 0) return refuse(request, reply, code);
+  if (const ProxyTarget* const target = forwardTarget(http_requestPath(request)); target != nullptr)
+    return forwardBegin(request, reply, *target);
   if (http_requestMethod(request) == HTTP_METHOD_OPTIONS) return replyWithText(request, reply, 200, kText, "", allow);
   if (!isAllowed(request)) return refuse(request, reply, 405, allow);
   if (wantsEcho(request)) return echoBegin(request, reply);
@@ -157,12 +166,18 @@ int dropBody(FILE* body) {
 }
 
 int onBody(HttpRequest* request, HttpReply* reply, FILE* body) {
+  if (isForwarding(request)) return forwardBody(request);
   return isEchoing(request) ? echoBody(request, reply, body) : dropBody(body);
+}
+
+void endExchange(HttpRequest* request) {
+  echoEnd(request);
+  forwardEnd(request);
 }
 
 void onReplyDone(HttpReply* reply, HttpRequest* request) {
   accessLogWrite(request, reply);
-  echoEnd(request);
+  endExchange(request);
 }
 
 unsigned statusOfRefusal(uint8_t refusal) {
@@ -184,16 +199,19 @@ void onError(HttpRequest* request, HttpReply* reply) {
     if (announceClose(reply) == 0) replyWithStatus(request, reply, statusOfRefusal(refusal));
   }
   if (http_replyStatusCode(reply) != 0) accessLogWrite(request, reply);
-  echoEnd(request);
+  endExchange(request);
 }
 
 }  // namespace
 
-void routesSetUp(const Options& options, std::function<Counters()> counters) {
+void routesSetUp(const Options& options, std::function<Counters()> counters, ZelConnection* connection) {
   root = options.root;
   demo = options.demo;
   currentCounters = std::move(counters);
+  forwardSetUp(options, connection);
 }
+
+void routesTearDown() { forwardTearDown(); }
 
 void routesInstall(HttpServer* server) {
   server->requestHandler = onRequest;

@@ -14,8 +14,11 @@ struct Counters {
   long uptime = 0;  // seconds
 };
 
-// Prepares the routes for @p options; @p counters is asked at each /status.
-void routesSetUp(const Options& options, std::function<Counters()> counters);
+// Prepares the routes for @p options; @p counters is asked at each /status. Forwarded requests go over @p connection.
+void routesSetUp(const Options& options, std::function<Counters()> counters, ZelConnection* connection);
+
+// Ends what is under way.
+void routesTearDown();
 
 // Sets the handlers of @p server.
 void routesInstall(HttpServer* server);

@@ -20,10 +20,12 @@
 #define KROHTTP_KROHTTP_H
 
 #include <krohttp/body.h>
+#include <krohttp/client.h>
 #include <krohttp/export.h>
 #include <krohttp/header.h>
 #include <krohttp/message.h>
 #include <krohttp/protocol.h>
+#include <krohttp/proxy.h>
 #include <krohttp/reply.h>
 #include <krohttp/request.h>
 #include <krohttp/server.h>

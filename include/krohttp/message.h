@@ -79,8 +79,9 @@ typedef struct HttpMessage {
   ZelPeer *peer;    /**< the connection, not owned; set with msg_setPeer() */
   uint8_t paused;   /**< HttpMessagePause of a request on a server connection */
   uint8_t refusal;  /**< HttpMessageRefusal of the last head that was read */
-  uint8_t bodyless; /**< private: the reply answers HEAD: its body is accepted and dropped */
-  uint8_t bodyCut;  /**< private: the body was closed before its end was read */
+  uint8_t bodyless; /**< private: the reply may not have a body: what is written of one is accepted and dropped */
+  uint8_t bodyCut;  /**< the body ended, or was closed, before its announced end was read */
+  uint8_t relayed;  /**< private: the body is passed on, and never looked back into */
 } HttpMessage;
 
 /* --- the buffer and its lines ------------------------------------------------------------------------------------ */

@@ -86,6 +86,13 @@ KROHTTP_API int http_serverStart(HttpServer *server);
 KROHTTP_API void http_serverStop(HttpServer *server);
 
 /**
+ * Tells a client that waits for it to send the body of @p request: writes "100 Continue" if the request came with
+ * "Expect: 100-continue" (RFC 9110 section 10.1.1) and its body is still to be read. Call it before the reply is begun.
+ * @return 0, or -1 when it could not be written (traced)
+ */
+KROHTTP_API int http_serverContinue(HttpRequest *request, HttpReply *reply);
+
+/**
  * Stops reading @p request until http_serverResumeRequest(); unread data stays with the connection.
  * @return 0, or -1 when the request has no peer or the peer refuses (traced)
  */

@@ -541,12 +541,24 @@ TEST(BodyReadLength, IsTheLow32Bits) {
   ScriptInput input(kPost + "Content-Length: 4294967301\r\n\r\n0123456789");
   Reading reading(input);
   EXPECT_EQ(reading.all(4096), "01234|end");
-  expectComplete(reading);
+  EXPECT_EQ(reading.message()->state, 3);
+  EXPECT_EQ(reading.message()->bodyCut, 1) << "whoever passes the body on must not take it for all that was announced";
   EXPECT_EQ(input.rest(), "56789");
 
   ScriptInput multiple(kPost + "Content-Length: 4294967296\r\n\r\n0123456789");
   Reading untilClose(multiple);
   EXPECT_EQ(untilClose.all(4096), "0123456789|end");
+}
+
+TEST(BodyReadLength, EndsCutWhenTheConnectionEndsEarly) {
+  for (const char* arrived : {"", "0", "012345678"}) {
+    const TraceCapture quiet;
+    ScriptInput input(withLength(10) + arrived);
+    Reading reading(input);
+    EXPECT_EQ(reading.all(4096), std::string(arrived) + "|end");
+    EXPECT_EQ(reading.message()->state, 3);
+    EXPECT_EQ(reading.message()->bodyCut, 1) << arrived;
+  }
 }
 
 TEST(BodyReadLength, IsReturnedInOneReadAndThenTheEnd) {

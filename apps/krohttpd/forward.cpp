@@ -1,0 +1,96 @@
+#include "forward.h"
+
+#include <algorithm>
+#include <memory>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "replies.h"
+
+namespace {
+
+struct ProxyDeleter {
+  void operator()(HttpProxy* proxy) const { http_proxyDestroy(proxy); }
+};
+
+// The exchanges under way, by the browser's connection.
+using Exchanges = std::unordered_map<ZelPeer*, std::unique_ptr<HttpProxy, ProxyDeleter>>;
+Exchanges exchanges;
+
+std::vector<ProxyTarget> targets;
+ZelConnection* connection_ = nullptr;
+uint32_t timeout = 0;
+
+// "/api" covers "/api" and "/api/x", but not "/apix".
+bool covers(std::string_view prefix, std::string_view path) {
+  if (!path.starts_with(prefix)) return false;
+  return path.size() == prefix.size() || prefix.ends_with('/') || path[prefix.size()] == '/';
+}
+
+// The path goes out decoded: control bytes in it could end the request line.
+bool isForwardable(std::string_view path) {
+  return std::none_of(path.begin(), path.end(), [](char c) { return static_cast<unsigned char>(c) < 32 || c == 127; });
+}
+
+// Without a header that says so a body would last until the connection ends: there is none (RFC 9112 section 6.3).
+int settleBody(HttpRequest* request) {
+  if (http_requestState(request) != HTTP_MSG_BODY || http_requestBodyType(request) != HTTP_BODY_UNTIL_CLOSE) return 0;
+  return http_requestHeaderValueSet(request, "Content-Length", "0") < 0 ? -1 : http_requestDone(request);
+}
+
+// What the target is told beside what the browser has said.
+int completeHead(HttpRequest* request, const ProxyTarget& target) {
+  const char* const address = peer_address(http_requestPeer(request));
+  const bool known = *address != '\0' && std::string_view(address) != "unix";
+  if (known && http_requestHeaderValueSet(request, "X-Forwarded-For", "%s", address) < 0) return -1;
+  // The target is spoken to in HTTP/1.1, which cannot do without.
+  if (http_requestHeaderValue(request, "Host") != nullptr) return 0;
+  return http_requestHeaderValueSet(request, "Host", "%s", target.host.c_str());
+}
+
+int closeIfLast(HttpProxy* proxy, HttpReply* reply) { return closesAfter(proxy->request) ? announceClose(reply) : 0; }
+
+}  // namespace
+
+void forwardSetUp(const Options& options, ZelConnection* connection) {
+  targets = options.proxies;
+  timeout = options.proxyTimeout * 1000;
+  connection_ = connection;
+}
+
+void forwardTearDown() { exchanges.clear(); }
+
+const ProxyTarget* forwardTarget(const char* path) {
+  const ProxyTarget* best = nullptr;
+  for (const ProxyTarget& target : targets)
+    if (covers(target.prefix, path) && (best == nullptr || target.prefix.size() > best->prefix.size())) best = &target;
+  return best;
+}
+
+int forwardBegin(HttpRequest* request, HttpReply* reply, const ProxyTarget& target) {
+  if (!isForwardable(http_requestPath(request))) return replyWithStatus(request, reply, 400);
+  if (settleBody(request) < 0 || completeHead(request, target) < 0) return -1;
+  auto& proxy = exchanges[http_requestPeer(request)];
+  proxy.reset(http_proxyCreate(connection_, target.host.c_str(), target.port.c_str()));
+  if (proxy) {
+    proxy->timeout = timeout;
+    proxy->replyFilter = closeIfLast;
+    if (http_proxyForwardRequest(proxy.get(), request, reply) == 0) return 0;
+  }
+  exchanges.erase(http_requestPeer(request));
+  return replyWithStatus(request, reply, 502);
+}
+
+bool isForwarding(HttpRequest* request) { return exchanges.contains(http_requestPeer(request)); }
+
+int forwardBody(HttpRequest* request) {
+  return http_proxyForwardRequestBody(exchanges.at(http_requestPeer(request)).get());
+}
+
+void forwardEnd(HttpRequest* request) {
+  const auto found = exchanges.find(http_requestPeer(request));
+  if (found == exchanges.end()) return;
+  http_proxyForwardReplyDone(found->second.get());
+  exchanges.erase(found);
+}

@@ -1,0 +1,22 @@
+// What the server offers to those that write its replies from other connections' events.
+#pragma once
+
+#include <krohttp/server.h>
+
+// Is told about the connection of a reply. Embedded by its owner.
+struct ReplyFollower {
+  void (*drained)(ReplyFollower* follower);  // all that was written has left, and the reply is not done
+  void (*gone)(ReplyFollower* follower);     // the exchange is over: request and reply may not be touched any more
+};
+
+// Tells @p follower, and nobody else, until the exchange is over. False when @p reply is not on a server connection.
+bool srv_follow(HttpReply* reply, ReplyFollower* follower);
+
+// Tells @p follower no more; @p reply must be one that it follows.
+void srv_unfollow(HttpReply* reply, const ReplyFollower* follower);
+
+// What is written of @p reply from now on leaves at once, for a slow source or an impatient reader.
+void srv_uncork(HttpReply* reply);
+
+// Ends the connection of an incomplete @p reply, so that its reader can tell.
+void srv_cut(HttpReply* reply);
