@@ -354,6 +354,12 @@ int readBody(Connection* connection) {
   return isInUse(connection) ? bodyHandled(connection, result, before) : kDrop;
 }
 
+// Between exchanges there is nothing to come but the end of the connection: it is of no use any more.
+bool cl_handleIdleRead(ZelPeer* peer) {
+  TRACE_INFO("kept-alive connection closed (socket %d)", peer_socket(peer));
+  return false;
+}
+
 int replyDone(Connection* connection) {
   HttpClient* const client = connection->client;
   switchTo(client, HTTP_CLIENT_REPLY_RECEIVED);
@@ -369,7 +375,9 @@ int replyDone(Connection* connection) {
   resetMessages(connection);
   switchTo(client, HTTP_CLIENT_INIT);
   if (connection->requestCut) return kDrop;
-  if (client->readyHandler != nullptr) {
+  peer_setEventHandler(connection->peer, PEER_EVENT_DATA, PEER_DIRECTION_IN, cl_handleIdleRead);
+  // Messages that were destroyed meanwhile cannot be handed out any more.
+  if (client->readyHandler != nullptr && isInUse(connection)) {
     TRACE_INFO("calling ready handler");
     client->readyHandler(connection->reply, connection->request);
   }
@@ -431,8 +439,10 @@ void endBodyAtClose(Connection* connection, ZelPeer* peer) {
 }
 
 bool hasVanished(const ZelPeer* peer) {
+  const uint32_t reason = zel_error;  // of the end, for the handlers that are called next
   pollfd state{peer_socket(peer), 0, 0};
-  return poll(&state, 1, 0) > 0 && (state.revents & (POLLHUP | POLLERR)) != 0;
+  zel_error = reason;
+  return state.fd >= 0 && poll(&state, 1, 0) > 0 && (state.revents & (POLLHUP | POLLERR)) != 0;
 }
 
 // The other side has gone while nobody was reading: what it had sent before is taken up now or never.
@@ -537,11 +547,15 @@ void armMessages(Connection* connection) {
   attach(connection, reply, HTTP_MSG_READING, connection->replyStream);
 }
 
+// Once is enough for all exchanges of the connection.
+void watchClose(Connection* connection) {
+  if (!connection->watchesClose) connection->watchesClose = peer_addCloseHandler(connection->peer, cl_handleClose);
+}
+
 void awaitEvents(Connection* connection) {
   peer_setEventHandler(connection->peer, PEER_EVENT_DRAINED, PEER_DIRECTION_OUT, cl_handleWriteDone);
   listenForEarlyReply(connection);
-  // Once is enough for all exchanges of the connection.
-  if (!connection->watchesClose) connection->watchesClose = peer_addCloseHandler(connection->peer, cl_handleClose);
+  watchClose(connection);
 }
 
 }  // namespace
@@ -570,6 +584,7 @@ int http_clientStart(HttpClient* client, ZelPeer* peer) {
   }
   link(connection);
   peer_setUserData(peer, static_cast<HttpClientConnection*>(connection));
+  watchClose(connection);
   return 0;
 }
 

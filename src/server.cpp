@@ -34,13 +34,16 @@ namespace {
 constexpr size_t kBlock = 4096;
 // A message buffer that has grown beyond this is not kept for the next request of its connection.
 constexpr uint32_t kKeptBuffer = 2048;
+// More than a socket is sure to take at once.
+constexpr size_t kLargeReply = 65536;
 
 // --- connections -----------------------------------------------------------------------------------------------------
 
 // A connection with what only this file needs to know.
 struct Connection : HttpServerConnection {
   bool corked;               // the socket takes TCP_CORK
-  bool uncorked;             // for the rest of this reply everything leaves at once
+  bool uncorked;             // until the next request everything leaves at once
+  bool lagging;              // the reader could not take all of this reply at once
   bool replyDoneTold;        // replyDoneHandler has been called for this reply
   uint64_t staticRemaining;  // bytes still to send of a regular file, as announced: it may grow or shrink meanwhile
   ZelTimer* later;           // runs goOnLater(), null until it is needed
@@ -128,18 +131,20 @@ bool setTcpOption(int socket, int option, int value) {
   return setsockopt(socket, IPPROTO_TCP, option, &value, sizeof value) == 0;
 }
 
-// Sends a partial segment at once, and holds the next one back again.
-void pushOut(const Connection* connection, ZelPeer* peer) {
-  if (!connection->corked || connection->uncorked) return;
-  const int socket = peer_socket(peer);
-  setTcpOption(socket, TCP_CORK, 0);
-  setTcpOption(socket, TCP_CORK, 1);
-}
-
 void uncork(Connection* connection) {
   if (!connection->corked || connection->uncorked) return;
   connection->uncorked = true;
   setTcpOption(peer_socket(peerOf(connection)), TCP_CORK, 0);
+}
+
+// Sends a partial segment at once, and holds the next one back again. One that has to wait for its reader would be held
+// back as well, for the 200 ms of the cork.
+void pushOut(Connection* connection, ZelPeer* peer) {
+  if (connection->lagging) return uncork(connection);
+  if (!connection->corked || connection->uncorked) return;
+  const int socket = peer_socket(peer);
+  setTcpOption(socket, TCP_CORK, 0);
+  setTcpOption(socket, TCP_CORK, 1);
 }
 
 void recork(Connection* connection) {
@@ -279,6 +284,7 @@ int srv_handleReadInit(Connection* connection, ZelPeer* peer) {
   expect(connection, HTTP_SERVER_ACCEPTED);
   errno = 0;
   if (http_requestParse(&connection->request) == 0) {
+    recork(connection);
     switchTo(connection, HTTP_SERVER_RECEIVING_REQUEST);
     return kGoOn;
   }
@@ -360,6 +366,7 @@ int srv_handleReadDone(Connection* connection, ZelPeer* peer) {
   peer_setEventHandler(peer, PEER_EVENT_DRAINED, PEER_DIRECTION_OUT, srv_handleWriteDone);
   switchTo(connection, HTTP_SERVER_SENDING_REPLY);
   const size_t queued = peer_bytesQueued(peer);
+  if (queued > kLargeReply) connection->lagging = true;
   TRACE_NOTICE("reply was already sent ? %d %u", static_cast<int>(queued), static_cast<unsigned>(reply.state));
   if (queued == 0 && reply.state > HTTP_MSG_BODY) {
     TRACE_NOTICE("reply was already sent");
@@ -447,7 +454,6 @@ void awaitNextRequest(Connection* connection, ZelPeer* peer) {
   HttpMessage* const reply = &connection->reply.message;
   TRACE_NOTICE("no, prepare to handle new request");
   dismissFollower(connection);
-  recork(connection);
   closeOpenBody(request);
   closeOpenBody(reply);
   http_requestReset(&connection->request);
@@ -457,6 +463,7 @@ void awaitNextRequest(Connection* connection, ZelPeer* peer) {
   prepareMessages(connection);
   reply->bodyless = 0;
   connection->replyDoneTold = false;
+  connection->lagging = false;
   // A request that was paused and never resumed keeps its connection paused.
   if (request->paused != HTTP_MSG_PAUSED)
     peer_setEventHandler(peer, PEER_EVENT_DATA, PEER_DIRECTION_IN, srv_handleRead);
@@ -475,6 +482,7 @@ bool srv_handleWriteDone(ZelPeer* peer) {
   if (connection->staticFd >= 0) return srv_handleWriteFileReplyDone(peer);
   if (reply->state == HTTP_MSG_FAILED) return false;
   if (reply->state != HTTP_MSG_DONE) {
+    connection->lagging = true;
     if (connection->follower != nullptr) connection->follower->drained(connection->follower);
     return true;
   }
@@ -713,6 +721,7 @@ bool sourceIsEmpty(const Connection* connection) {
 // The step could not send everything: waits for whoever holds it up.
 bool awaitWritable(Connection* connection, ZelPeer* peer) {
   TRACE_INFO("need to send more data for static file");
+  connection->lagging = true;
   if (!sourceIsEmpty(connection)) return true;
   // The socket is ready all the time: without a pause the loop would spin until the descriptor is.
   peer_setEventHandler(peer, PEER_EVENT_WRITABLE, PEER_DIRECTION_OUT, nullptr);
@@ -920,6 +929,9 @@ Connection* connectionOfReply(const HttpMessage* reply) {
 void srv_replyCompleted(HttpMessage* reply) {
   Connection* const connection = connectionOfReply(reply);
   if (connection == nullptr) return;
+  // No event pushes out what is written before all of the request has come.
+  if (connection->state == HTTP_SERVER_RECEIVING_REQUEST && connection->request.message.state == HTTP_MSG_BODY)
+    uncork(connection);
   if (connection->state == HTTP_SERVER_SENDING_REPLY && connection->staticFd < 0 && peer_bytesQueued(reply->peer) == 0)
     startLater(connection, 0);
 }

@@ -66,7 +66,8 @@ typedef struct HttpClient {
   /** The connection ended before any of the reply came. The platform's zel_error tells why it could not be made.
    * Optional. */
   void (*errorHandler)(HttpReply *reply, HttpRequest *request);
-  /** Request and reply have been reset: the client can take the next request. Optional. */
+  /** Request and reply have been reset: the client can take the next request. Not called when one of them was destroyed
+   * in replyDoneHandler. Optional. */
   void (*readyHandler)(HttpReply *reply, HttpRequest *request);
   /** What was written of the request has left and the request is not done: write more of its body. Optional: without
    * it everything can be written at once, and waits in memory. */
