@@ -105,8 +105,11 @@ void traceRead(const NormalBody* body, ssize_t count, size_t size, const char* d
              static_cast<int>(std::max<ssize_t>(count, 0)), data, body->done, body->length, amount);
 }
 
-// An announced length that was not reached leaves the message cut.
-bool isCut(const NormalBody* body) { return body->clipped || (body->length != 0 && body->done != body->length); }
+// An announced length that was not reached leaves the message cut, and so does a connection that fails.
+bool isCut(const NormalBody* body, int error) {
+  const bool failed = error != 0 && error != EAGAIN && ferror_unlocked(body->parent);
+  return body->clipped || failed || (body->length != 0 && body->done != body->length);
+}
 
 void endReached(HttpMessage* message, ssize_t count) {
   const int error = errno;
@@ -146,7 +149,7 @@ ssize_t body_read_normal(void* cookie, char* buffer, size_t size) {
   if (count < amount && !parentEnded && !atLength) return shortCount(message, count);
 
   if ((body->length != 0 && body->done == body->length) || (body->length == 0 && parentEnded) || count == 0) {
-    if (isCut(body)) message->bodyCut = 1;
+    if (isCut(body, error)) message->bodyCut = 1;
     endReached(message, static_cast<ssize_t>(count));
   }
   return static_cast<ssize_t>(count);

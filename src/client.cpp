@@ -1,7 +1,6 @@
 #include <krohttp/body.h>
 #include <krohttp/client.h>
 
-#include <poll.h>
 #include <zel/error.h>
 #include <zel/timer.h>
 
@@ -27,7 +26,8 @@ struct Connection : HttpClientConnection {
   ZelPeer* peer;
   bool watchesClose;  // cl_handleClose() is among the peer's close handlers
   bool paused;
-  bool requestCut;  // the request was answered before it was complete: the connection ends with the reply
+  bool early;       // the reply has begun before the request was complete
+  bool requestCut;  // the request will never be complete: the connection ends with the reply
   ZelTimer* later;  // runs goOnLater(), null until it is needed
   Connection* previous;
   Connection* next;
@@ -139,6 +139,7 @@ void release(Connection* connection) {
 // --- sending ---------------------------------------------------------------------------------------------------------
 
 bool cl_handleRead(ZelPeer* peer);
+bool earlyRequestSent(Connection* connection);
 
 void listenForReply(const Connection* connection) {
   if (!connection->paused) peer_setEventHandler(connection->peer, PEER_EVENT_DATA, PEER_DIRECTION_IN, cl_handleRead);
@@ -159,6 +160,7 @@ bool cl_handleWriteDone(ZelPeer* peer) {
   }
   if (state == HTTP_MSG_DONE) {
     TRACE_INFO("request sent");
+    if (connection->early) return earlyRequestSent(connection);
     peer_setEventHandler(peer, PEER_EVENT_DRAINED, PEER_DIRECTION_OUT, nullptr);
     listenForReply(connection);
     switchTo(client, HTTP_CLIENT_REQUEST_SENT);
@@ -174,6 +176,12 @@ constexpr unsigned kPauseMilliseconds = 10;
 // Takes up what no event would come for.
 void goOnLater(ZelTimer*, void* userData);
 
+// The reply is being waited for or read.
+bool isReading(const Connection* connection) {
+  const HttpClientState state = connection->client->state;
+  return state == HTTP_CLIENT_REQUEST_SENT || state == HTTP_CLIENT_RECEIVING_REPLY || connection->early;
+}
+
 bool startLater(Connection* connection, unsigned milliseconds) {
   if (connection->later == nullptr) connection->later = zel_timer_create();
   if (connection->later == nullptr) {
@@ -185,34 +193,28 @@ bool startLater(Connection* connection, unsigned milliseconds) {
   return zel_timer_start(connection->later, milliseconds);
 }
 
-// What has come while the request is being sent. Only a refusal is worth taking up before its end: whoever refuses may
-// not read the rest (RFC 9112 section 9.5). Anything else waits.
-enum class Early { Nothing, End, Refusal, Other };
-
-Early lookForEarlyReply(ZelPeer* peer) {
-  char status[10];  // "HTTP/1.1 4"
-  const ssize_t count = peer_peek(peer, status, sizeof status);
-  if (count < 0) return errno == EAGAIN ? Early::Nothing : Early::End;
-  if (count == 0) return Early::End;
-  if (static_cast<size_t>(count) < sizeof status) return Early::Nothing;
-  return status[9] == '4' || status[9] == '5' ? Early::Refusal : Early::Other;
-}
-
+// While the request is being sent nothing has to come; the end says that nothing will.
 bool cl_handleEarlyRead(ZelPeer* peer) {
   Connection* const connection = connectionOf(peer);
   if (connection == nullptr || !isInUse(connection)) return false;
-  const Early early = lookForEarlyReply(peer);
-  if (early == Early::End) return false;
-  peer_setEventHandler(peer, PEER_EVENT_DATA, PEER_DIRECTION_IN, nullptr);
-  if (early == Early::Nothing) return startLater(connection, kPauseMilliseconds);
-  if (early == Early::Other) return true;
-  TRACE_WARNING("request was refused before it was complete");
-  connection->requestCut = connection->request->message.state != HTTP_MSG_DONE;
-  return http_clientRequestSent(connection->client) == 0;
+  char next;
+  const ssize_t count = peer_peek(peer, &next, 1);
+  if (count <= 0) return count < 0 && errno == EAGAIN;
+  connection->early = connection->client->takesEarlyReply;
+  peer_setEventHandler(peer, PEER_EVENT_DATA, PEER_DIRECTION_IN, connection->early ? cl_handleRead : nullptr);
+  return !connection->early || cl_handleRead(peer);
 }
 
 void listenForEarlyReply(const Connection* connection) {
   peer_setEventHandler(connection->peer, PEER_EVENT_DATA, PEER_DIRECTION_IN, cl_handleEarlyRead);
+}
+
+// The request is complete, or will never be: the reply that was begun early is like any other from here on.
+void endEarlyPhase(Connection* connection) {
+  connection->early = false;
+  peer_setEventHandler(connection->peer, PEER_EVENT_DRAINED, PEER_DIRECTION_OUT, nullptr);
+  switchTo(connection->client, HTTP_CLIENT_REQUEST_SENT);
+  if (connection->reply->message.state > HTTP_MSG_FIRST_LINE) switchTo(connection->client, HTTP_CLIENT_RECEIVING_REPLY);
 }
 
 // --- receiving -------------------------------------------------------------------------------------------------------
@@ -227,18 +229,22 @@ bool holdsUnread(const FILE* stream) { return stream != nullptr && stream->_IO_r
 void goOnLater(ZelTimer*, void* userData) {
   auto* const connection = static_cast<Connection*>(userData);
   ZelPeer* const peer = connection->peer;
-  if (connection->client->state == HTTP_CLIENT_SENDING_REQUEST) return listenForEarlyReply(connection);
-  if (connection->paused || connection->client->state != HTTP_CLIENT_RECEIVING_REPLY) return;
+  if (connection->paused || !isReading(connection)) return;
   listenForReply(connection);
   // Only what the body's own stream holds is taken from here: the rest has its event, which reads at a better rate.
   char next;
   if (peer_peek(peer, &next, 1) < 0 && errno == EAGAIN && !cl_handleRead(peer)) peer_destroy(peer);
 }
 
+// A reply that came early does not change the state before the request is complete.
+void expectReading(const Connection* connection, HttpClientState state) {
+  expect(connection->client, connection->early ? HTTP_CLIENT_SENDING_REQUEST : state);
+}
+
 int readFirstLine(Connection* connection) {
-  expect(connection->client, HTTP_CLIENT_REQUEST_SENT);
+  expectReading(connection, HTTP_CLIENT_REQUEST_SENT);
   if (http_replyParse(connection->reply) < 0) return kDrop;
-  switchTo(connection->client, HTTP_CLIENT_RECEIVING_REPLY);
+  if (!connection->early) switchTo(connection->client, HTTP_CLIENT_RECEIVING_REPLY);
   return kGoOn;
 }
 
@@ -252,7 +258,7 @@ int skipInterim(Connection* connection) {
   TRACE_INFO("skipping interim reply %u", connection->reply->statusCode);
   http_replyReset(connection->reply);
   connection->reply->message.bodyType = HTTP_BODY_UNKNOWN;
-  switchTo(connection->client, HTTP_CLIENT_REQUEST_SENT);
+  if (!connection->early) switchTo(connection->client, HTTP_CLIENT_REQUEST_SENT);
   return kHandled;
 }
 
@@ -273,9 +279,17 @@ int handleHead(Connection* connection) {
   return result < 0 ? kDrop : kGoOn;
 }
 
+// Whoever refuses a request need not read the rest of it (RFC 9112 section 9.5): nothing more of it is sent.
+void abandonRequest(Connection* connection) {
+  TRACE_WARNING("request was refused before it was complete");
+  connection->requestCut = true;
+  connection->request->message.state = HTTP_MSG_DONE;
+  endEarlyPhase(connection);
+}
+
 int readHead(Connection* connection) {
   HttpReply* const reply = connection->reply;
-  expect(connection->client, HTTP_CLIENT_RECEIVING_REPLY);
+  expectReading(connection, HTTP_CLIENT_RECEIVING_REPLY);
   TRACE_INFO("reading enveloppe");
   if (http_replyParse(reply) < 0) return kDrop;
   if (reply->message.state <= HTTP_MSG_HEADERS) return kGoOn;
@@ -284,6 +298,7 @@ int readHead(Connection* connection) {
     reply->message.bodyType = HTTP_BODY_NONE;
     reply->message.state = HTTP_MSG_DONE;
   }
+  if (connection->early && reply->statusCode >= 400) abandonRequest(connection);
   return handleHead(connection);
 }
 
@@ -332,7 +347,7 @@ int bodyHandled(Connection* connection, int result, const ReadMark& before) {
   if (result >= 0 && connection->paused && (reply->state == HTTP_MSG_BODY || holdsUnread(reply->body))) return kHandled;
   if (result < 0 || reply->state == HTTP_MSG_DONE) {
     closeOpenBody(reply);
-    switchTo(connection->client, HTTP_CLIENT_REPLY_RECEIVED);
+    if (!connection->early) switchTo(connection->client, HTTP_CLIENT_REPLY_RECEIVED);
   } else if (reply->state == HTTP_MSG_BODY && !http_replyNeedMoreData(connection->reply) &&
              readMark(*reply) == before) {
     return bodyStandsStill(connection);
@@ -341,7 +356,7 @@ int bodyHandled(Connection* connection, int result, const ReadMark& before) {
 }
 
 int readBody(Connection* connection) {
-  expect(connection->client, HTTP_CLIENT_RECEIVING_REPLY);
+  expectReading(connection, HTTP_CLIENT_RECEIVING_REPLY);
   TRACE_INFO("should handle body");
   if (awaitsData(connection)) return kHandled;
   FILE* const body = http_replyBody(connection->reply);
@@ -362,6 +377,11 @@ bool cl_handleIdleRead(ZelPeer* peer) {
 
 int replyDone(Connection* connection) {
   HttpClient* const client = connection->client;
+  if (connection->early) {
+    // The exchange is over when the request is complete as well.
+    peer_setEventHandler(connection->peer, PEER_EVENT_DATA, PEER_DIRECTION_IN, nullptr);
+    return kHandled;
+  }
   switchTo(client, HTTP_CLIENT_REPLY_RECEIVED);
   TRACE_INFO("finished processing message");
   peer_setEventHandler(connection->peer, PEER_EVENT_DATA, PEER_DIRECTION_IN, nullptr);
@@ -382,6 +402,11 @@ int replyDone(Connection* connection) {
     client->readyHandler(connection->reply, connection->request);
   }
   return kHandled;
+}
+
+bool earlyRequestSent(Connection* connection) {
+  endEarlyPhase(connection);
+  return connection->reply->message.state != HTTP_MSG_DONE || cl_handleRead(connection->peer);
 }
 
 int readStep(Connection* connection) {
@@ -421,46 +446,39 @@ bool cl_handleRead(ZelPeer* peer) {
 
 // --- closing ---------------------------------------------------------------------------------------------------------
 
+bool hasInput(ZelPeer* peer) {
+  char next;
+  return peer_peek(peer, &next, 1) > 0;
+}
+
+// Gives the handler what is left of the body. Its stream reads on only while the message is not done.
+void offerRest(Connection* connection, ZelPeer* peer) {
+  HttpMessage* const reply = &connection->reply->message;
+  FILE* const body = hasInput(peer) ? http_replyBody(connection->reply) : reply->body;
+  if (!hasInput(peer)) reply->state = HTTP_MSG_DONE;
+  if (body != nullptr) callBodyHandler(connection, body);
+}
+
 void endBodyAtClose(Connection* connection, ZelPeer* peer) {
   HttpMessage* const reply = &connection->reply->message;
   TRACE_ERROR("client closed connection while receiving reply, assume reply is complete");
   if (reply->state == HTTP_MSG_BODY) {
-    reply->state = HTTP_MSG_DONE;
     const Watch watch(connection);
-    if (reply->body != nullptr) callBodyHandler(connection, reply->body);
+    offerRest(connection, peer);
     if (watch.gone() || !isInUse(connection)) return;
+    if (reply->state == HTTP_MSG_BODY) reply->state = HTTP_MSG_DONE;
     closeOpenBody(reply);
-  } else {
-    reply->bodyCut = 1;  // it had failed before
   }
+  if (reply->state == HTTP_MSG_FAILED) reply->bodyCut = 1;
   http_replyDone(connection->reply);
   switchTo(connection->client, HTTP_CLIENT_REPLY_RECEIVED);
-  cl_handleRead(peer);
-}
-
-bool hasVanished(const ZelPeer* peer) {
-  const uint32_t reason = zel_error;  // of the end, for the handlers that are called next
-  pollfd state{peer_socket(peer), 0, 0};
-  zel_error = reason;
-  return state.fd >= 0 && poll(&state, 1, 0) > 0 && (state.revents & (POLLHUP | POLLERR)) != 0;
-}
-
-// The other side has gone while nobody was reading: what it had sent before is taken up now or never.
-void takeLeftovers(Connection* connection, ZelPeer* peer) {
-  const bool sending = connection->client->state == HTTP_CLIENT_SENDING_REQUEST;
-  char next;
-  if ((!sending && !connection->paused) || !hasVanished(peer) || peer_peek(peer, &next, 1) < 1) return;
-  connection->paused = false;
-  if (sending) {
-    connection->requestCut = true;
-    http_clientRequestSent(connection->client);
-  }
   cl_handleRead(peer);
 }
 
 // Tells the application what the end of the connection means to the exchange.
 void reportClose(Connection* connection, ZelPeer* peer) {
   HttpClient* const client = connection->client;
+  if (connection->early && connection->reply->message.state > HTTP_MSG_FIRST_LINE) endEarlyPhase(connection);
   switch (client->state) {
     case HTTP_CLIENT_SENDING_REQUEST:
     case HTTP_CLIENT_REQUEST_SENT:
@@ -488,8 +506,7 @@ bool cl_handleClose(ZelPeer* peer) {
     return true;
   }
   const Watch watch(connection);
-  if (isInUse(connection)) takeLeftovers(connection, peer);
-  if (!watch.gone() && isInUse(connection)) reportClose(connection, peer);
+  if (isInUse(connection)) reportClose(connection, peer);
   if (watch.gone()) return true;
 
   HttpClient* const client = connection->client;
@@ -597,6 +614,7 @@ bool http_clientRequest(HttpClient* client, HttpRequest* request, HttpReply* rep
     connection->request = request;
     connection->reply = reply;
     connection->paused = false;
+    connection->early = false;
     connection->requestCut = false;
   }
   if (connection == nullptr || !openStreams(connection)) {
@@ -629,7 +647,7 @@ int http_clientResume(HttpClient* client) {
   Connection* const connection = connectionOf(client);
   if (connection == nullptr) return -1;
   connection->paused = false;
-  if (client->state != HTTP_CLIENT_REQUEST_SENT && client->state != HTTP_CLIENT_RECEIVING_REPLY) return 0;
+  if (!isReading(connection)) return 0;
   listenForReply(connection);
   // What the body's own stream holds raises no event.
   const bool held = connection->reply != nullptr && holdsUnread(connection->reply->message.body);

@@ -4,6 +4,7 @@
 #include <zel/error.h>
 #include <zel/timer.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -160,25 +161,32 @@ struct Transfer {
   const ZelPeer* sink;  // takes the output
 };
 
-// What the body's own stream holds is passed on first: no event would come for it.
 bool sinkIsFull(const Transfer& transfer) {
-  return transfer.output != nullptr && transfer.source->state == HTTP_MSG_BODY &&
-         transfer.input->_IO_read_ptr == transfer.input->_IO_read_end &&
-         peer_bytesQueued(transfer.sink) > kMostQueued;
+  return transfer.output != nullptr && peer_bytesQueued(transfer.sink) > kMostQueued;
 }
+
+// How much to copy at once: with a full sink only what the body's own stream holds, which no event would come for.
+size_t blockSize(const Transfer& transfer) {
+  if (!sinkIsFull(transfer)) return kBlock;
+  return std::min<size_t>(kBlock, static_cast<size_t>(transfer.input->_IO_read_end - transfer.input->_IO_read_ptr));
+}
+
+// The rest of the source has to wait for the sink.
+bool mustWait(const Transfer& transfer) { return transfer.source->state == HTTP_MSG_BODY && blockSize(transfer) == 0; }
 
 // Copies one block. Returns how much was read, 0 when that is all for now.
 size_t copyBlock(HttpProxy* proxy, const Transfer& transfer) {
   char block[kBlock];
+  const size_t wanted = transfer.source->state == HTTP_MSG_BODY ? blockSize(transfer) : kBlock;
   TRACE_INFO("read");
   errno = 0;
-  const size_t count = fread_unlocked(block, 1, sizeof block, transfer.input);
+  const size_t count = fread_unlocked(block, 1, wanted, transfer.input);
   const int error = errno;
   TRACE_INFO("read %u: %.*s", static_cast<unsigned>(count), static_cast<int>(count), block);
   size_t written = count;
   if (count > 0 && transfer.output != nullptr) written = fwrite_unlocked(block, 1, count, transfer.output);
   const int writeError = errno;
-  const bool shortRead = count < sizeof block;
+  const bool shortRead = count < wanted;
   if (shortRead && !feof_unlocked(transfer.input) && error != EAGAIN) {
     errno = error;
     TRACE_ERROR("unable to read body: %m");
@@ -195,7 +203,7 @@ size_t copyBlock(HttpProxy* proxy, const Transfer& transfer) {
 int proxy_copyBody(HttpProxy* proxy, const Transfer& transfer) {
   TRACE_INFO("do copying body");
   noteProgress(proxy);
-  while (!sinkIsFull(transfer) && copyBlock(proxy, transfer) > 0 && proxy->state != HTTP_PROXY_ERROR) {
+  while (!mustWait(transfer) && copyBlock(proxy, transfer) > 0 && proxy->state != HTTP_PROXY_ERROR) {
   }
   if (transfer.output != nullptr && fflush_unlocked(transfer.output) != 0) {
     TRACE_ERROR("unable to write body: %m");
@@ -245,7 +253,7 @@ int proxy_handleServerReply(HttpReply* forwardReply, HttpRequest* forwardRequest
   if (isExiting(proxy) || proxy->reply == nullptr) return -1;
   noteProgress(proxy);
   TRACE_INFO("handling reply %s for request %s", forwardReply->reason, pathOf(proxy));
-  // A target that refuses the request does not wait for its end.
+  // A target may answer while it reads, or refuse the request and not read its end.
   if (proxy->state == HTTP_PROXY_RECEIVING_CLIENT_REQUEST) {
     switchTo(proxy, HTTP_PROXY_SERVER_REQUEST_FORWARDED);
     resumeRequest(proxy);
@@ -268,10 +276,12 @@ int proxy_handleServerReplyBody(HttpReply* forwardReply, HttpRequest* forwardReq
 
   const Transfer transfer{body, &forwardReply->message, output, http_replyPeer(proxy->reply)};
   const int result = proxy_copyBody(proxy, transfer);
-  if (sinkIsFull(transfer))
+  if (mustWait(transfer)) {
     http_clientPause(&proxy->client);
-  else if (http_replyNeedMoreData(forwardReply))
+    srv_tellDrained(proxy->reply);
+  } else if (http_replyNeedMoreData(forwardReply)) {
     srv_uncork(proxy->reply);  // who knows when the rest comes
+  }
   return result;
 }
 
@@ -417,8 +427,9 @@ void headForwarded(HttpProxy* proxy) {
 
 void destroyExchange(HttpProxy* proxy) {
   const CPointer<HttpProxyExchange> exchange(proxy->exchange);
-  proxy->exchange = nullptr;
   if (!exchange) return;
+  if (exchange->following) resumeRequest(proxy);
+  proxy->exchange = nullptr;
   if (exchange->following) srv_unfollow(proxy->reply, exchange.get());
   zel_timer_destroy(exchange->timer);
 }
@@ -473,6 +484,7 @@ void http_proxyInitialize(HttpProxy* proxy, ZelConnection* connection, const cha
   proxy->client.errorHandler = proxy_handleServerError;
   proxy->client.requestDrainedHandler = proxy_handleRequestDrained;
   proxy->client.closedHandler = proxy_handleTargetClosed;
+  proxy->client.takesEarlyReply = true;
 }
 
 void http_proxyCleanup(HttpProxy* proxy) {
@@ -521,7 +533,7 @@ int http_proxyForwardRequestBody(HttpProxy* proxy) {
   const Transfer transfer{input, &proxy->request->message, output, proxy->client.peer};
   if (proxy_copyBody(proxy, transfer) < 0) return -1;
   if (http_requestState(proxy->request) == HTTP_MSG_DONE) return requestReceived(proxy, output);
-  if (sinkIsFull(transfer)) proxy->exchange->requestPaused = http_serverPauseRequest(proxy->request) == 0;
+  if (mustWait(transfer)) proxy->exchange->requestPaused = http_serverPauseRequest(proxy->request) == 0;
   return 0;
 }
 

@@ -511,6 +511,15 @@ bool srv_handleWriteDone(ZelPeer* peer) {
   return true;
 }
 
+// Before the request is complete the event is of no use to anybody but a follower.
+bool srv_handleEarlyDrained(ZelPeer* peer) {
+  Connection* const connection = connectionOf(peer);
+  peer_setEventHandler(peer, PEER_EVENT_DRAINED, PEER_DIRECTION_OUT, nullptr);
+  connection->lagging = true;
+  if (connection->follower != nullptr) connection->follower->drained(connection->follower);
+  return true;
+}
+
 // --- closing ---------------------------------------------------------------------------------------------------------
 
 // Tells the application that its request or reply was cut off.
@@ -947,6 +956,12 @@ bool srv_follow(HttpReply* reply, ReplyFollower* follower) {
 void srv_unfollow(HttpReply* reply, const ReplyFollower* follower) {
   Connection* const connection = connectionOfReply(&reply->message);
   if (connection != nullptr && connection->follower == follower) connection->follower = nullptr;
+}
+
+void srv_tellDrained(HttpReply* reply) {
+  Connection* const connection = connectionOfReply(&reply->message);
+  if (connection != nullptr && connection->state < HTTP_SERVER_SENDING_REPLY)
+    peer_setEventHandler(peerOf(connection), PEER_EVENT_DRAINED, PEER_DIRECTION_OUT, srv_handleEarlyDrained);
 }
 
 void srv_uncork(HttpReply* reply) {

@@ -15,6 +15,9 @@ bool srv_follow(HttpReply* reply, ReplyFollower* follower);
 // Tells @p follower no more; @p reply must be one that it follows.
 void srv_unfollow(HttpReply* reply, const ReplyFollower* follower);
 
+// The follower of @p reply waits for the event, even if the request is not complete yet.
+void srv_tellDrained(HttpReply* reply);
+
 // What is written of @p reply from now on leaves at once, for a slow source or an impatient reader.
 void srv_uncork(HttpReply* reply);
 

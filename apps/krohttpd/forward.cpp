@@ -6,6 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "framing.h"
 #include "replies.h"
 
 namespace {
@@ -28,8 +29,10 @@ bool covers(std::string_view prefix, std::string_view path) {
   return path.size() == prefix.size() || prefix.ends_with('/') || path[prefix.size()] == '/';
 }
 
-// The path goes out decoded: control bytes in it could end the request line.
+// The path goes out decoded: control bytes in it could end the request line, and what leads upwards could lead out of
+// the prefix.
 bool isForwardable(std::string_view path) {
+  if (path.find("/../") != std::string_view::npos || path.ends_with("/..")) return false;
   return std::none_of(path.begin(), path.end(), [](char c) { return static_cast<unsigned char>(c) < 32 || c == 127; });
 }
 
@@ -49,7 +52,18 @@ int completeHead(HttpRequest* request, const ProxyTarget& target) {
   return http_requestHeaderValueSet(request, "Host", "%s", target.host.c_str());
 }
 
-int closeIfLast(HttpProxy* proxy, HttpReply* reply) { return closesAfter(proxy->request) ? announceClose(reply) : 0; }
+// Nobody could tell for sure where such a reply ends, and one that switches protocols does not end at all.
+bool isUsable(HttpReply* forwardReply) {
+  return !isAmbiguous(framingOf(&forwardReply->message)) && http_replyStatusCode(forwardReply) != 101;
+}
+
+int checkReply(HttpProxy* proxy, HttpReply* reply) {
+  if (isUsable(proxy->forwardReply)) return closesAfter(proxy->request) ? announceClose(reply) : 0;
+  http_replyReset(reply);
+  http_replyVersionSet(reply, 1, 1);
+  replyWithStatus(proxy->request, reply, 502);
+  return -1;
+}
 
 }  // namespace
 
@@ -75,7 +89,7 @@ int forwardBegin(HttpRequest* request, HttpReply* reply, const ProxyTarget& targ
   proxy.reset(http_proxyCreate(connection_, target.host.c_str(), target.port.c_str()));
   if (proxy) {
     proxy->timeout = timeout;
-    proxy->replyFilter = closeIfLast;
+    proxy->replyFilter = checkReply;
     if (http_proxyForwardRequest(proxy.get(), request, reply) == 0) return 0;
   }
   exchanges.erase(http_requestPeer(request));

@@ -3,15 +3,14 @@
 #include <strings.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "access_log.h"
 #include "echo.h"
 #include "forward.h"
+#include "framing.h"
 #include "replies.h"
 
 namespace {
@@ -55,39 +54,6 @@ int replyWithFile(HttpRequest* request, HttpReply* reply) {
 
 // --- what is wrong with a request before its target matters ----------------------------------------------------------
 
-// What decides where a request belongs and where its body ends.
-struct Framing {
-  int hosts = 0;
-  int lengths = 0;
-  int codings = 0;
-  bool lengthIsNumber = true;
-  bool tooLong = false;  // body streams count 32 bits
-};
-
-Framing framingOf(HttpRequest* request) {
-  Framing framing;
-  int code = HTTP_HEADER_NONE;
-  const char* name = nullptr;
-  const char* value = nullptr;
-  http_requestHeadersReset(request);
-  while (msg_headersNext(&request->message, &code, &name, &value) == 0) {
-    if (code == HTTP_HEADER_HOST) ++framing.hosts;
-    if (code == HTTP_HEADER_TRANSFER_ENCODING) ++framing.codings;
-    if (code != HTTP_HEADER_CONTENT_LENGTH) continue;
-    ++framing.lengths;
-    constexpr std::string_view kLongest = "9223372036854775807";
-    const std::string_view text = value;
-    framing.lengthIsNumber =
-        text.find_first_not_of("0123456789") == std::string_view::npos && text.size() <= kLongest.size();
-    framing.tooLong = framing.lengthIsNumber && std::strtoull(value, nullptr, 10) > UINT32_MAX;
-  }
-  return framing;
-}
-
-// RFC 9112 section 6.3: with two ways to tell the body's end, or none that can be read, what follows may be meant as
-// another client's request.
-bool isAmbiguous(const Framing& framing) { return framing.lengths + framing.codings > 1 || !framing.lengthIsNumber; }
-
 bool hasUnknownExpectation(HttpRequest* request) {
   if (http_requestVersion(request)[1] == 0) return false;  // HTTP/1.0 has no expectations
   const char* const expectation = http_requestHeaderValue(request, "Expect");
@@ -98,7 +64,7 @@ bool hasUnknownExpectation(HttpRequest* request) {
 unsigned refusalOf(HttpRequest* request) {
   const uint8_t* const version = http_requestVersion(request);
   if (version[0] != 1) return 505;
-  const Framing framing = framingOf(request);
+  const Framing framing = framingOf(&request->message);
   if (isAmbiguous(framing)) return 400;
   if (version[1] > 0 && framing.hosts != 1) return 400;  // RFC 9112 section 3.2
   if (http_requestBodyType(request) == HTTP_BODY_UNKNOWN) return 501;
@@ -127,11 +93,11 @@ bool isAllowed(HttpRequest* request) {
 // worth waiting for, or whose end nobody knows, closes it at once.
 int refuse(HttpRequest* request, HttpReply* reply, unsigned code, const char* allow = nullptr) {
   const bool hasBody = http_requestState(request) == HTTP_MSG_BODY;
-  if ((hasBody || isAmbiguous(framingOf(request))) && announceClose(reply) < 0) return -1;
+  if ((hasBody || isAmbiguous(framingOf(&request->message))) && announceClose(reply) < 0) return -1;
   if (replyWithStatus(request, reply, code, allow) < 0) return -1;
   const int type = http_requestBodyType(request);
-  const bool unreadable =
-      type == HTTP_BODY_MULTIPART || type == HTTP_BODY_UNKNOWN || code == 413 || isAmbiguous(framingOf(request));
+  const bool unreadable = type == HTTP_BODY_MULTIPART || type == HTTP_BODY_UNKNOWN || code == 413 ||
+                          isAmbiguous(framingOf(&request->message));
   return hasBody && unreadable ? -1 : 0;
 }
 

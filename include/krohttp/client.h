@@ -72,6 +72,10 @@ typedef struct HttpClient {
   /** What was written of the request has left and the request is not done: write more of its body. Optional: without
    * it everything can be written at once, and waits in memory. */
   void (*requestDrainedHandler)(HttpReply *reply, HttpRequest *request);
+  /** Whether a reply may be read, and its handlers called, while the request is still being sent: otherwise it waits until
+   * the request is complete. One that refuses (status 400 and more) then ends the sending, and its connection ends with
+   * it; any other one is done when both are complete. */
+  bool takesEarlyReply;
   /** The connection has ended, by the other side or by a failure, at any point; runs last. Not called for
    * http_clientStop(). The client may be started again here. Optional. */
   void (*closedHandler)(struct HttpClient *client);

@@ -68,7 +68,11 @@ bool offerInput(ZelPeer* peer) {
 
 /** Nobody reads: tells a peer that is gone from one that sent urgent data. @return false when it has ended */
 bool checkAlive(ZelPeer* peer) {
-  if (pollNow(peer, 0) & (POLLHUP | POLLERR | POLLNVAL)) {
+  const int state = pollNow(peer, 0);
+  // What it sent before it went is still to be read, by a handler that may only be resting.
+  peer->hungUp = state == POLLHUP && (stream_unread(peer) > 0 || peekOne(peer) > 0);
+  if (peer->hungUp) return true;
+  if (state & (POLLHUP | POLLERR | POLLNVAL)) {
     peer_end(peer, Ending::Vanished);
     return false;
   }
@@ -100,8 +104,9 @@ uint8_t wantedInterest(const ZelPeer* peer) {
   int wanted = 0;
   if (peer->handlers[kOnData]) wanted |= UV_READABLE;
   if (peer->output.bytes > 0 ? peer->blocked : peer->handlers[kOnWritable] != nullptr) wanted |= UV_WRITABLE;
-  // With nothing to wait for the descriptor stays in the poll set: a peer that vanishes is reported all the same.
-  return static_cast<uint8_t>(wanted ? wanted : UV_PRIORITIZED);
+  // With nothing to wait for the descriptor stays in the poll set: a peer that vanishes is reported all the same. One
+  // that has would be reported all the time.
+  return static_cast<uint8_t>(wanted || peer->hungUp ? wanted : UV_PRIORITIZED);
 }
 
 /** @return false when the peer has ended */

@@ -107,6 +107,7 @@ struct ZelPeer {
   bool tryRead : 1;     /**< a handler of event 3 is new: what is at hand is offered without waiting for the socket */
   bool eof : 1;         /**< the end of the input has been seen */
   bool reset : 1;       /**< the other side is gone */
+  bool hungUp : 1;      /**< it has closed both directions, and what it sent is still to be read */
 };
 
 struct ZelConnection {

@@ -56,6 +56,7 @@ ssize_t readInput(void* cookie, char* buffer, size_t size) {
   ZelPeer* peer = static_cast<ZelPeer*>(cookie);
   if (peer->ended || peer->fd < 0) return peer->ended ? 0 : refuse(EAGAIN);
   if (peer->socket == Socket::Connecting) return refuse(EAGAIN);
+  if (peer->reset) return refuse(ECONNRESET);  // the socket tells it but once
   peer->readTurn = loop.turn;
   return noteInput(peer, peer->transport->read(peer, buffer, size));
 }
@@ -280,6 +281,7 @@ extern "C" ssize_t peer_peek(ZelPeer* peer, void* buffer, size_t length) {
     return static_cast<ssize_t>(done);
   }
   if (peer->socket == Socket::Connecting) return refuse(EAGAIN);
+  if (peer->reset) return refuse(ECONNRESET);
   return noteInput(peer, peer->transport->peek(peer, buffer, length));
 }
 

@@ -23,7 +23,7 @@ ZEL_API ZelList *connection_peers(ZelConnection *connection);
 /**
  * Listens on TCP.
  * @param host  a numeric IPv4 or IPv6 address, or a name (resolved on the spot, so better at start); NULL or "*": all
- * @param port  a decimal number or a service name; "0" lets the system choose (see peer_localAddress())
+ * @param port  a decimal number or a service name; "0" lets the system choose (see peer_localPort())
  * @return the listening peer, owned by the connection, or NULL with zel_error (and errno where the system refused)
  */
 ZEL_API ZelPeer *connection_listenOnTCP(ZelConnection *connection, const char *host, const char *port);

@@ -1,0 +1,20 @@
+// Where messages belong, and where their bodies end.
+#pragma once
+
+#include <krohttp/krohttp.h>
+
+// What the headers of a message say about that.
+struct Framing {
+  int hosts = 0;
+  int lengths = 0;
+  int codings = 0;
+  bool lengthIsNumber = true;
+  bool tooLong = false;        // body streams count 32 bits
+  bool namesAreTokens = true;  // "Content-Length : 5" may be a header to the next reader
+};
+
+Framing framingOf(HttpMessage* message);
+
+// RFC 9112 section 6.3: with two ways to tell the body's end, or none that can be read, what follows may be meant as
+// another message.
+bool isAmbiguous(const Framing& framing);
