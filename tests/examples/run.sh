@@ -8,29 +8,41 @@ folder=$1
 name=$2
 scratch=$(mktemp -d)
 server=
+others=()
 stop() {
-  [ -z "$server" ] || kill "$server" 2>/dev/null || true
+  local pid
+  for pid in $server "${others[@]}"; do
+    kill "$pid" 2>/dev/null || true
+  done
   rm -rf "$scratch"
 }
 trap stop EXIT
 
 fail() {
   echo "$name: $1" >&2
-  cat "$scratch/out" >&2 || true
+  cat "$scratch"/*.out >&2 || true
   exit 1
 }
 
-# start ARGUMENT...: runs the example and waits for the URL that it prints.
+# start EXAMPLE ARGUMENT...: runs it and waits for what it prints when it listens; $url is where, unless on a socket.
 start() {
-  "$folder/$name" "$@" >"$scratch/out" 2>&1 &
+  local output=$scratch/$1.out
+  [ -z "$server" ] || others+=("$server")
+  : >"$output"
+  "$folder/$1" "${@:2}" >>"$output" 2>&1 &
   server=$!
   for _ in $(seq 200); do
-    url=$(grep -oE 'http://[0-9.]+:[0-9]+' "$scratch/out" || true)
-    [ -z "$url" ] || return 0
+    if grep -qE '(listening|serving .*) on ' "$output"; then
+      url=$(grep -oE 'http://[0-9.]+:[0-9]+' "$output" || echo "${url:-}")
+      return 0
+    fi
     sleep 0.05
   done
-  fail "prints no URL"
+  fail "$1 does not listen"
 }
+
+# end_of COMMAND...: what it prints, and how it ends.
+end_of() { "$@" 2>&1 && echo "exit 0" || echo "exit $?"; }
 
 get() { curl --silent --show-error --max-time 20 "$@"; }
 
@@ -40,12 +52,12 @@ expect() {
 
 case $name in
   hello)
-    start 0
+    start hello 0
     expect "$(get "$url/" "$url/again")" "$(printf 'Hello, world!\nHello, world!')"
     expect "$(get --head --output /dev/null --write-out '%{http_code} %{size_download}' "$url/")" "200 0"
     ;;
   later)
-    start 0
+    start later 0
     page='<html><head><title>OK</title></head><body><h1>200 - OK</h1><p>Sorry to have kept you waiting.</p></body></html>'
     expect "$(get "$url/?ms=50" "$url/?ms=1")" "$(printf '%s\n%s' "$page" "$page")"
     # A client that leaves before its reply must not take the others' along.
@@ -54,13 +66,62 @@ case $name in
     ;;
   files)
     printf 'text of a file\n' >"$scratch/file.txt"
-    expect "$("$folder/$name" 2>&1 || echo "exit $?")" "$(printf 'usage: files DIR [PORT]\nexit 2')"
-    start "$scratch" 0
+    expect "$(end_of "$folder/files")" "$(printf 'usage: files DIR [PORT]\nexit 2')"
+    start files "$scratch" 0
     expect "$(get "$url/file.txt")" "text of a file"
     expect "$(get --output /dev/null --write-out '%{http_code}' "$url/none")" "404"
     kill -TERM "$server"
     wait "$server" || fail "ended with $?"
     server=
+    ;;
+  get)
+    expect "$(end_of "$folder/get")" "$(printf 'get: usage: get HOST PORT PATH\nexit 1')"
+    expect "$(end_of "$folder/get" 127.0.0.1 1 /)" "$(printf 'get: Connection refused\nexit 1')"
+    start hello 0
+    expect "$(end_of "$folder/get" 127.0.0.1 "${url##*:}" /)" "$(printf 'Hello, world!\nexit 0')"
+    # More than fits between the two: the server ends while it sends.
+    truncate --size 256M "$scratch/large"
+    mkfifo "$scratch/pipe"
+    start files "$scratch" 0
+    "$folder/get" 127.0.0.1 "${url##*:}" /large >"$scratch/pipe" 2>"$scratch/get.out" &
+    client=$!
+    exec 3<"$scratch/pipe"
+    head --bytes 100000 <&3 >"$scratch/start"
+    kill -KILL "$server"
+    wait "$server" 2>/dev/null || true
+    server=
+    size=$(wc --bytes <&3)
+    wait "$client" && fail "takes a part for the whole"
+    expect "$(cat "$scratch/get.out")" "get: the reply is not whole"
+    [ "$size" -lt $((256 << 20)) ] || fail "got all of it"
+    ;;
+  back)
+    expect "$(end_of "$folder/back")" "$(printf 'usage: back SOCKET\nexit 2')"
+    start back "$scratch/socket"
+    expect "$(get --unix-socket "$scratch/socket" http://back/a%20b http://back/c --data hello)" \
+      "$(printf 'POST /a b, 5 bytes\nPOST /c, 5 bytes')"
+    expect "$(get --unix-socket "$scratch/socket" http://back/)" "GET /, 0 bytes"
+    ;;
+  front)
+    expect "$(end_of "$folder/front")" "$(printf 'usage: front SOCKET [PORT]\nexit 2')"
+    start back "$scratch/socket"
+    back=$server
+    start front "$scratch/socket" 0
+    expect "$(get "$url/a%20b?x" "$url/c")" "$(printf 'GET /a b, 0 bytes\nGET /c, 0 bytes')"
+    expect "$(get --data hello "$url/a" "$url/b")" "$(printf 'POST /a, 5 bytes\nPOST /b, 5 bytes')"
+    truncate --size 3M "$scratch/large"
+    expect "$(get --data-binary @"$scratch/large" "$url/a")" "POST /a, 3145728 bytes"
+    expect "$(get --upload-file - --header 'Transfer-Encoding: chunked' "$url/b" <"$scratch/large")" \
+      "PUT /b, 3145728 bytes"
+    expect "$(get --request POST "$url/a")" "POST /a, 0 bytes"
+    expect "$(get --http1.0 --header Host: "$url/a")" "GET /a, 0 bytes"
+    expect "$(get --head --output /dev/null --write-out '%{http_code} %{size_download}' "$url/")" "200 0"
+    expect "$(get --output /dev/null --write-out '%{http_code}' "$url/a%0d%0aX:%20b")" "400"
+    kill "$back"
+    wait "$back" 2>/dev/null || true
+    expect "$(get --output /dev/null --write-out '%{http_code}' --data hello "$url/a")" "504"
+    start back "$scratch/socket"
+    expect "$(get "$url/a")" "GET /a, 0 bytes"
     ;;
   *) fail "is not known here" ;;
 esac
