@@ -167,10 +167,12 @@ struct Row {
   HttpHeaderFree release = nullptr;
 };
 
-// The rows that are not generic. Everything is settled at compile time; the modules of credentials and cookies declare
-// their operations in header_internal.h and get their rows (8, 19, 41, 42, 51) here.
+// The rows that are not generic. Everything is settled at compile time.
 constexpr Row rowOf(int code) {
   switch (code) {
+    case HTTP_HEADER_AUTHORIZATION:
+    case HTTP_HEADER_WWW_AUTHENTICATE:
+      return {auth_hdrFactoryAuthorization, auth_hdrSerializeAuthorization, auth_hdrFreeAuthorization};
     case HTTP_HEADER_CONNECTION:
       return {hdr_factoryConnection, hdr_serializeConnection, nullptr};
     case HTTP_HEADER_CONTENT_DISPOSITION:
@@ -179,6 +181,11 @@ constexpr Row rowOf(int code) {
       return {hdr_factoryContentLength, hdr_serializeContentLength, nullptr};
     case HTTP_HEADER_CONTENT_TYPE:
       return {hdr_factoryContentType, hdr_serializeContentType, hdr_freeContentType};
+    case HTTP_HEADER_COOKIE:
+      return {cookie_hdrFactoryCookie, cookie_hdrSerializeCookie, cookie_hdrFreeCookie};
+    case HTTP_HEADER_SET_COOKIE:
+    case HTTP_HEADER_SET_COOKIE2:
+      return {cookie_hdrFactorySetCookie, cookie_hdrSerializeSetCookie, cookie_hdrFreeSetCookie};
     case HTTP_HEADER_DATE:
       return {hdr_factoryDate, hdr_serializeDate, nullptr};
     case HTTP_HEADER_TRANSFER_ENCODING:

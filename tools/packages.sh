@@ -9,13 +9,17 @@ build  ninja-build        runs the build
 build  g++                the C++20 and C11 compilers, nm and readelf
 build  pkgconf            finds libuv
 build  libuv1-dev         event loop underneath the bundled platform
-build  libcli11-dev       krohttpd's command line
+build  libcli11-dev       the command lines of krohttpd and kroget
+build  libssl-dev         MD5 for Digest authentication (libcrypto)
 test   libgtest-dev       the test framework
 test   curl               a real client for the wire tests
 test   wget               a second real client, with another idea of keep-alive
 test   chromium           a real browser for the bundled site
 test   valgrind           memory checks of the optimised daemon
 test   wrk                many connections at once for the load tests
+test   nginx-light        a real server behind the proxy, and for kroget
+test   lighttpd           a second one, with other habits
+test   haproxy            a real proxy in front of krohttpd
 bench  libbenchmark-dev   the micro benchmarks
 bench  wrk                the load generator of bench/load
 bench  nginx-light        a server to compare with

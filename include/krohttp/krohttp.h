@@ -19,8 +19,10 @@
 #ifndef KROHTTP_KROHTTP_H
 #define KROHTTP_KROHTTP_H
 
+#include <krohttp/auth.h>
 #include <krohttp/body.h>
 #include <krohttp/client.h>
+#include <krohttp/cookie.h>
 #include <krohttp/export.h>
 #include <krohttp/header.h>
 #include <krohttp/message.h>
