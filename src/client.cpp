@@ -9,6 +9,7 @@
 
 #include "memory.h"
 #include "message_internal.h"
+#include "reading.h"
 #include "watch.h"
 
 #define TRACE_ZONE "http-client"
@@ -224,8 +225,6 @@ constexpr int kGoOn = -1;
 constexpr int kDrop = 0;
 constexpr int kHandled = 1;
 
-bool holdsUnread(const FILE* stream) { return stream != nullptr && stream->_IO_read_ptr < stream->_IO_read_end; }
-
 void goOnLater(ZelTimer*, void* userData) {
   auto* const connection = static_cast<Connection*>(userData);
   ZelPeer* const peer = connection->peer;
@@ -282,7 +281,7 @@ int handleHead(Connection* connection) {
 // Whoever refuses a request need not read the rest of it (RFC 9112 section 9.5): nothing more of it is sent.
 void abandonRequest(Connection* connection) {
   TRACE_WARNING("request was refused before it was complete");
-  connection->requestCut = true;
+  connection->requestCut = connection->request->message.state != HTTP_MSG_DONE;
   connection->request->message.state = HTTP_MSG_DONE;
   endEarlyPhase(connection);
 }
@@ -305,7 +304,7 @@ int readHead(Connection* connection) {
 // The stream of a body that lasts until the connection closes takes a first read that would block for that end.
 bool awaitsData(const Connection* connection) {
   const HttpMessage& reply = connection->reply->message;
-  if (reply.bodyType != HTTP_BODY_UNTIL_CLOSE || holdsUnread(reply.body) || holdsUnread(reply.stream)) return false;
+  if (reply.bodyType != HTTP_BODY_UNTIL_CLOSE || heldBytes(reply.body) > 0 || heldBytes(reply.stream) > 0) return false;
   char next;
   return peer_peek(connection->peer, &next, 1) < 0 && errno == EAGAIN;
 }
@@ -315,17 +314,6 @@ int callBodyHandler(const Connection* connection, FILE* body) {
     return connection->client->bodyHandler(connection->reply, connection->request, body);
   TRACE_ERROR("body handler is not set");
   return -1;
-}
-
-// Where reading stands: unchanged after a handler that read nothing.
-struct ReadMark {
-  const char* body;
-  const char* connection;
-  bool operator==(const ReadMark&) const = default;
-};
-
-ReadMark readMark(const HttpMessage& message) {
-  return {message.body != nullptr ? message.body->_IO_read_ptr : nullptr, message.stream->_IO_read_ptr};
 }
 
 // The handler was offered data and has read none. Offering it again at once would never end.
@@ -344,7 +332,8 @@ int bodyHandled(Connection* connection, int result, const ReadMark& before) {
   if (http_replyNeedMoreData(connection->reply) && reply->body != nullptr) clearerr_unlocked(reply->body);
   TRACE_INFO("handled body state is now %u", static_cast<unsigned>(reply->state));
   // A handler that has paused comes back for what its stream still holds.
-  if (result >= 0 && connection->paused && (reply->state == HTTP_MSG_BODY || holdsUnread(reply->body))) return kHandled;
+  if (result >= 0 && connection->paused && (reply->state == HTTP_MSG_BODY || heldBytes(reply->body) > 0))
+    return kHandled;
   if (result < 0 || reply->state == HTTP_MSG_DONE) {
     closeOpenBody(reply);
     if (!connection->early) switchTo(connection->client, HTTP_CLIENT_REPLY_RECEIVED);
@@ -419,7 +408,7 @@ int readStep(Connection* connection) {
       return readBody(connection);
     case HTTP_MSG_DONE:
       // A handler that paused has not seen the end of what the body's own stream holds.
-      if (holdsUnread(connection->reply->message.body)) return readBody(connection);
+      if (heldBytes(connection->reply->message.body) > 0) return readBody(connection);
       return replyDone(connection);
     default:
       TRACE_ERROR("unknown state: %i", connection->reply->message.state);
@@ -650,7 +639,7 @@ int http_clientResume(HttpClient* client) {
   if (!isReading(connection)) return 0;
   listenForReply(connection);
   // What the body's own stream holds raises no event.
-  const bool held = connection->reply != nullptr && holdsUnread(connection->reply->message.body);
+  const bool held = connection->reply != nullptr && heldBytes(connection->reply->message.body) > 0;
   return held && !startLater(connection, 0) ? -1 : 0;
 }
 

@@ -14,6 +14,7 @@
 
 #include "memory.h"
 #include "message_internal.h"
+#include "reading.h"
 #include "server_internal.h"
 #include "watch.h"
 
@@ -168,7 +169,7 @@ bool sinkIsFull(const Transfer& transfer) {
 // How much to copy at once: with a full sink only what the body's own stream holds, which no event would come for.
 size_t blockSize(const Transfer& transfer) {
   if (!sinkIsFull(transfer)) return kBlock;
-  return std::min<size_t>(kBlock, static_cast<size_t>(transfer.input->_IO_read_end - transfer.input->_IO_read_ptr));
+  return std::min(kBlock, heldBytes(transfer.input));
 }
 
 // The rest of the source has to wait for the sink.

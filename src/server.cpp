@@ -23,6 +23,7 @@
 
 #include "memory.h"
 #include "message_internal.h"
+#include "reading.h"
 #include "server_internal.h"
 #include "watch.h"
 
@@ -196,17 +197,6 @@ int dropBody(FILE* body) {
   while (fread_unlocked(block, 1, sizeof block, body) == sizeof block) {
   }
   return 0;
-}
-
-// Where reading stands: unchanged after a handler that read nothing.
-struct ReadMark {
-  const char* body;
-  const char* connection;
-  bool operator==(const ReadMark&) const = default;
-};
-
-ReadMark readMark(const HttpMessage& message) {
-  return {message.body != nullptr ? message.body->_IO_read_ptr : nullptr, message.stream->_IO_read_ptr};
 }
 
 void prepareMessages(Connection* connection) {

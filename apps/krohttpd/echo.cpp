@@ -67,6 +67,13 @@ int setHead(HttpRequest* request, HttpReply* reply, const Echo& echo) {
   return http_requestVersion(request)[1] == 0 ? 0 : http_replyHeaderValueSet(reply, "Transfer-Encoding", "chunked");
 }
 
+// The reply begins with the first bytes of the body: some proxies stumble over one that comes along with 100 Continue.
+FILE* replyBody(HttpRequest* request, HttpReply* reply, const Echo& echo) {
+  const bool begun = http_replyState(reply) >= HTTP_MSG_BODY;
+  if (!begun && (setHead(request, reply, echo) < 0 || http_replySend(reply) < 0)) return nullptr;
+  return http_replyBody(reply);
+}
+
 }  // namespace
 
 int echoBegin(HttpRequest* request, HttpReply* reply) {
@@ -76,8 +83,7 @@ int echoBegin(HttpRequest* request, HttpReply* reply) {
   const bool empty =
       http_requestState(request) == HTTP_MSG_DONE || http_requestBodyType(request) == HTTP_BODY_UNTIL_CLOSE;
   if (empty) return replyWithText(request, reply, 200, "", "");
-  if (http_serverContinue(request, reply) < 0 || setHead(request, reply, echo) < 0 || http_replySend(reply) < 0)
-    return -1;
+  if (http_serverContinue(request, reply) < 0) return -1;
   echoes[http_requestPeer(request)] = echo;
   return 0;
 }
@@ -86,14 +92,14 @@ bool isEchoing(HttpRequest* request) { return echoOf(request) != nullptr; }
 
 int echoBody(HttpRequest* request, HttpReply* reply, FILE* body) {
   Echo* const echo = echoOf(request);
-  FILE* const out = http_replyBody(reply);
-  if (out == nullptr) return -1;
   char block[kBlock];
   for (;;) {
     const size_t count = fread(block, 1, sizeof block, body);
-    if (count > 0 && fwrite(block, 1, count, out) != count) return -1;
-    echo->copied += count;
     const bool complete = http_requestState(request) == HTTP_MSG_DONE;
+    if (count == 0 && !complete) return http_requestNeedMoreData(request) ? 0 : -1;
+    FILE* const out = replyBody(request, reply, *echo);
+    if (out == nullptr || (count > 0 && fwrite(block, 1, count, out) != count)) return -1;
+    echo->copied += count;
     if (count < sizeof block) {
       if (complete) return finish(request, reply);
       if (!http_requestNeedMoreData(request)) return -1;

@@ -1,0 +1,22 @@
+// What stdio holds of a stream that nobody has read yet, and how to tell a handler that has read something.
+#pragma once
+
+#include <krohttp/message.h>
+
+#include <cstddef>
+#include <cstdio>
+
+inline size_t heldBytes(const FILE* stream) {
+  return stream != nullptr ? static_cast<size_t>(stream->_IO_read_end - stream->_IO_read_ptr) : 0;
+}
+
+// Where reading a message's body stands: unchanged after a handler that has read nothing.
+struct ReadMark {
+  const char* body;
+  const char* connection;
+  bool operator==(const ReadMark&) const = default;
+};
+
+inline ReadMark readMark(const HttpMessage& message) {
+  return {message.body != nullptr ? message.body->_IO_read_ptr : nullptr, message.stream->_IO_read_ptr};
+}
