@@ -15,7 +15,7 @@ if(KROHTTP_PLATFORM STREQUAL bundled)
   set(shared krohttp zel_utils krotrace krohttp_platform)
   set(static krohttp_static zel_utils_static krotrace_static krohttp_platform_static)
   set(KROHTTP_PC_PLATFORM "-lzel_utils -lkrotrace")
-  set(KROHTTP_PC_REQUIRES_PRIVATE libuv)
+  set(KROHTTP_PC_REQUIRES_PRIVATE "libuv libcrypto")
   set(KROHTTP_FRAMEWORK_LIBRARIES)
 else()
   set(shared krohttp krohttp_platform)
@@ -23,7 +23,7 @@ else()
   set(KROHTTP_FRAMEWORK_LIBRARIES zel_utils zel_dm zel_sl krotrace)
   list(TRANSFORM KROHTTP_FRAMEWORK_LIBRARIES PREPEND -l OUTPUT_VARIABLE KROHTTP_PC_PLATFORM)
   string(JOIN " " KROHTTP_PC_PLATFORM ${KROHTTP_PC_PLATFORM})
-  set(KROHTTP_PC_REQUIRES_PRIVATE)
+  set(KROHTTP_PC_REQUIRES_PRIVATE libcrypto)
 
   # Where the framework lies is asked again on the machine that uses the package.
   foreach(property IN ITEMS INTERFACE_LINK_LIBRARIES INTERFACE_INCLUDE_DIRECTORIES INTERFACE_SYSTEM_INCLUDE_DIRECTORIES)
@@ -86,13 +86,17 @@ configure_file(${CMAKE_CURRENT_LIST_DIR}/krohttp.pc.in ${PROJECT_BINARY_DIR}/pac
 install(FILES ${PROJECT_BINARY_DIR}/package/krohttp.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
-# --- the daemon ----------------------------------------------------------------------------------------------------------
+# --- the programs --------------------------------------------------------------------------------------------------------
 
+cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_BINDIR BASE_DIRECTORY /prefix OUTPUT_VARIABLE bindir)
+cmake_path(RELATIVE_PATH libdir BASE_DIRECTORY ${bindir} OUTPUT_VARIABLE from_bin_to_lib)
+foreach(program IN ITEMS krohttpd kroget)
+  if(TARGET ${program})
+    set_target_properties(${program} PROPERTIES INSTALL_RPATH "$ORIGIN/${from_bin_to_lib}")
+    install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+  endif()
+endforeach()
 if(TARGET krohttpd)
-  cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_BINDIR BASE_DIRECTORY /prefix OUTPUT_VARIABLE bindir)
-  cmake_path(RELATIVE_PATH libdir BASE_DIRECTORY ${bindir} OUTPUT_VARIABLE from_bin_to_lib)
-  set_target_properties(krohttpd PROPERTIES INSTALL_RPATH "$ORIGIN/${from_bin_to_lib}")
-  install(TARGETS krohttpd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/site/ DESTINATION ${CMAKE_INSTALL_DATADIR}/krohttp/site COMPONENT runtime)
 endif()
 

@@ -1,0 +1,142 @@
+#include "fetch.h"
+
+#include <cstdio>
+
+#include "reply.h"
+#include "text.h"
+
+namespace {
+
+constexpr int kMostRedirects = 10;
+
+bool isRedirect(unsigned status) {
+  return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
+
+// RFC 9110 section 15.4: POST becomes GET where it always has been, and 303 asks for another resource.
+bool becomesGet(unsigned status, const std::string& method) {
+  if (status == 303) return method != "GET" && method != "HEAD";
+  return (status == 301 || status == 302) && method == "POST";
+}
+
+// RFC 9110 section 9.2.2.
+bool isIdempotent(const std::string& method) {
+  for (const char* known : {"GET", "HEAD", "PUT", "DELETE", "OPTIONS", "TRACE"})
+    if (method == known) return true;
+  return false;
+}
+
+// RFC 9110 section 8.6: says that a request that usually has a body has none.
+bool announcesNoBody(const std::string& method) { return method == "POST" || method == "PUT" || method == "PATCH"; }
+
+std::string seconds(double value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g s", value);
+  return text;
+}
+
+}  // namespace
+
+Fetch::Fetch(Session& session, Links& links, const Options& options, const Url& url, Upload* upload, Output& output)
+    : session_(session),
+      links_(links),
+      options_(options),
+      first_(url),
+      url_(url),
+      method_(options.method),
+      upload_(upload),
+      output_(output) {}
+
+Failure Fetch::run() {
+  session_.beginTime(options_.maxTime);
+  for (int redirects = 0;; ++redirects) {
+    if (Failure failure = ask()) return failure;
+    if (!redirected_) return settle();
+    if (redirects == kMostRedirects)
+      return {kRedirectError, first_.text() + ": more than " + std::to_string(kMostRedirects) + " redirects"};
+    if (Failure failure = follow()) return failure;
+  }
+}
+
+Failure Fetch::aboutUrl(Status status, const std::string& what) const { return {status, url_.text() + ": " + what}; }
+
+Failure Fetch::stopFailure() const {
+  if (!session_.timedOut()) return {kInternalError, ""};  // a signal, which speaks for itself
+  return aboutUrl(kTimedOut, "timed out after " + seconds(*options_.maxTime));
+}
+
+// --- asking ----------------------------------------------------------------------------------------------------------
+
+Query Fetch::query() const {
+  HeaderPlan plan(options_.headers);
+  plan.authority = url_.authority();
+  plan.credentials = first_.credentials.empty() ? options_.credentials.value_or("") : first_.credentials;
+  plan.elsewhere = !url_.sameOrigin(first_);
+  plan.bodyDropped = bodyDropped_;
+  plan.form = options_.data.has_value() && !bodyDropped_;
+  plan.hasBody = upload_ != nullptr || announcesNoBody(method_);
+  plan.length = upload_ != nullptr ? upload_->length() : 0;
+  return {url_.text(), method_, url_.target, headerLines(plan), upload_, options_.verbose};
+}
+
+bool Fetch::canBeRepeated() const { return isIdempotent(method_) && (upload_ == nullptr || upload_->canBeRepeated()); }
+
+// A connection that was kept may have been closed meanwhile, which shows only when it is used: a new one takes its
+// place then.
+Failure Fetch::ask() {
+  Failure failure;
+  const Place place = options_.socket.empty() ? Place{"", url_.host, url_.port} : Place{options_.socket, "", ""};
+  for (std::unique_ptr<Link> link = links_.take(place, &failure); link; link = links_.open(place, &failure)) {
+    if (upload_ != nullptr && (failure = upload_->begin())) return failure;
+    const bool kept = link->used;
+    const Outcome outcome = exchange(*link, query());
+    if (session_.stopped()) return stopFailure();
+    if (outcome.keep) links_.keep(std::move(link));
+    if (!outcome.nothingCame || !kept || !canBeRepeated()) return outcome.failure;
+  }
+  return failure;
+}
+
+Outcome Fetch::exchange(Link& link, const Query& query) {
+  if (options_.verbose)
+    std::fprintf(stderr, "* %s %s\n", link.used ? "using the connection to" : "connecting to",
+                 link.place().text().c_str());
+  Progress progress(progressIsWelcome());
+  const auto onHead = [this](HttpReply* reply, bool* bodyWanted) { return takeHead(reply, bodyWanted); };
+  return Exchange(session_, link, query, output_, progress, onHead).run();
+}
+
+Failure Fetch::takeHead(HttpReply* reply, bool* bodyWanted) {
+  const char* const location = http_replyHeaderValue(reply, "Location");
+  status_ = http_replyStatusCode(reply);
+  reason_ = reply->reason != nullptr ? reply->reason : "";
+  redirected_ = options_.follow && isRedirect(status_) && location != nullptr;
+  if (redirected_) location_ = location;
+  *bodyWanted = !redirected_ && !(options_.fail && status_ >= 400);
+  return options_.includeHead || options_.headOnly ? output_.write(headText(reply)) : Failure();
+}
+
+// --- going on --------------------------------------------------------------------------------------------------------
+
+Failure Fetch::follow() {
+  ParsedUrl next = resolveUrl(url_, location_);
+  if (!next.url)
+    return aboutUrl(kRedirectError, "cannot follow the redirect to '" + escaped(location_) + "': " + next.error);
+  url_ = std::move(*next.url);
+  if (!becomesGet(status_, method_)) return {};
+  method_ = "GET";
+  upload_ = nullptr;
+  bodyDropped_ = true;
+  return {};
+}
+
+// The last reply is complete: sees its output through, and judges it.
+Failure Fetch::settle() {
+  while (output_.waits()) {
+    session_.turn();
+    if (session_.stopped()) return stopFailure();
+    if (Failure failure = output_.pump()) return failure;
+  }
+  if (options_.fail && status_ >= 400) return aboutUrl(kHttpError, std::to_string(status_) + " " + escaped(reason_));
+  return output_.commit();
+}
