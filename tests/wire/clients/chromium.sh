@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# krohttpd and a browser: the bundled site is shown, its scripts run, nothing is complained of.
+# krohttpd and a browser: the bundled site is shown, its scripts run, nothing is complained of; from krohttpd itself and
+# from one behind a proxy.
 # shellcheck source=tests/wire/clients/daemon.sh
 . "$(dirname "${BASH_SOURCE[0]}")/daemon.sh"
 need chromium
@@ -21,22 +22,39 @@ no_complaints() {
   ! grep -E 'CONSOLE|Uncaught|net::ERR' "$LOGS/$1.log" || fail "the page complains; see $LOGS/$1.log"
 }
 
-browse dom --dump-dom
-no_complaints dom
+# shown NAME: the site is at $url, with all that its script has to fill in.
 version=$("$KROHTTPD" --version | cut -d' ' -f2)
-grep -q "<span id=\"version\">$version</span>" "$LOGS/dom.out" ||
-  fail "the page does not show the version: its script did not get /status; see $LOGS/dom.out"
-for counter in replies connections uptime memory; do
-  ! grep -q "data-counter=\"$counter\">-<" "$LOGS/dom.out" || fail "the counter $counter is not filled in"
-done
+shown() {
+  local counter
+  browse "$1" --dump-dom
+  no_complaints "$1"
+  grep -q "<span id=\"version\">$version</span>" "$LOGS/$1.out" ||
+    fail "the page does not show the version: its script did not get /status; see $LOGS/$1.out"
+  for counter in replies connections uptime memory; do
+    ! grep -q "data-counter=\"$counter\">-<" "$LOGS/$1.out" || fail "the counter $counter is not filled in"
+  done
+}
+# all_fetched LOG: all that the page asks for was there.
+all_fetched() {
+  local file
+  for file in / /style.css /script.js /favicon.png /status; do
+    grep -q "\"GET $file HTTP/1.1\" 200 " "$1" || fail "$file was not fetched: $(cat "$1")"
+  done
+  ! grep -vE '" 200 ' "$1" || fail "something was not there"
+}
 
+shown dom
 browse screenshot --screenshot="$LOGS/site.png"
 no_complaints screenshot
 [ "$(stat -c %s "$LOGS/site.png")" -gt 10000 ] || fail "the screenshot is empty; see $LOGS/site.png"
+all_fetched "$folder/log"
 
-# All that the page asked for was there.
-for file in / /style.css /script.js /favicon.png /status; do
-  grep -q "\"GET $file HTTP/1.1\" 200 " "$folder/log" || fail "$file was not fetched: $(cat "$folder/log")"
-done
-! grep -vE '" 200 ' "$folder/log" || fail "something was not there"
+# What an earlier profile has in its cache would not be fetched.
+rm -rf "$folder/profile"
+: >"$folder/log"
+start_as proxy --proxy "/=tcp:127.0.0.1:$port" --access-log "$folder/proxy-log"
+shown proxied
+all_fetched "$folder/log"
+all_fetched "$folder/proxy-log"
+stop_without_complaint proxy
 stop_without_complaint

@@ -72,4 +72,32 @@ expect "status of POST /hello" "$("${fetch[@]}" -o /dev/null -w '%{http_code}' -
 expect "status of a large POST /hello" \
   "$("${fetch[@]}" -o /dev/null -w '%{http_code}' -H 'Expect:' --data-binary "@$folder/large" "$url/hello" 2>/dev/null)" 405
 
+# --- through a proxy ----------------------------------------------------------------------------------------------------------------
+start_as proxy --proxy "/=tcp:127.0.0.1:$port" --proxy "/sub=ipc:$folder/socket"
+expect "/hello through the proxy" "$("${fetch[@]}" --fail "$url/hello")" "Hello, world!"
+"${fetch[@]}" --fail -o "$folder/back" "$url/sub/data.bin"
+same "$folder/root/sub/data.bin" "$folder/back" "a file through the proxy and a Unix socket"
+"${fetch[@]}" --fail --compressed -o "$folder/back" "$url/style.css"
+same "$folder/root/style.css" "$folder/back" "a compressed file through the proxy"
+head -c 5242880 "$folder/large" >"$folder/five"
+for name in empty one five; do
+  "${fetch[@]}" --fail -H 'Expect:' --data-binary "@$folder/$name" -o "$folder/back" "$url/echo"
+  same "$folder/$name" "$folder/back" "$name with a length through the proxy"
+  "${fetch[@]}" --fail -H 'Transfer-Encoding: chunked' --data-binary "@$folder/$name" -o "$folder/back" "$url/echo"
+  same "$folder/$name" "$folder/back" "$name in chunks through the proxy"
+  rm "$folder/back"
+done
+# The proxy tells curl to go on, and curl has not waited for that in vain.
+"${fetch[@]}" --fail -v -H 'Expect: 100-continue' --expect100-timeout 50 --data-binary "@$folder/five" \
+  -o "$folder/back" "$url/echo" 2>"$folder/said"
+same "$folder/five" "$folder/back" "after 100 Continue of the proxy"
+expect "interim replies of the proxy" "$(grep -c '^< HTTP/1.1 100 Continue' "$folder/said")" 1
+! grep 'Done waiting for 100-continue' "$folder/said" || fail "the proxy gave no 100 Continue in time"
+expect "connections to the proxy" "$("${fetch[@]}" --fail -w '%{num_connects} ' -o /dev/null -o /dev/null \
+  -o "$folder/back" "$url/hello" "$url/style.css" "$url/sub/data.bin")" "1 0 0 "
+same "$folder/root/sub/data.bin" "$folder/back" "the last of three replies of the proxy"
+expect "status of /missing through the proxy" "$("${fetch[@]}" -o /dev/null -w '%{http_code}' "$url/missing")" 404
+expect "status of POST /hello through the proxy" \
+  "$("${fetch[@]}" -o /dev/null -w '%{http_code}' -d abc "$url/hello")" 405
+stop proxy
 stop

@@ -33,4 +33,4 @@ wget --debug --timeout=20 --tries=1 -O /dev/null "$url/a.html" "$url/s.css" "$ur
   fail "wget: $(cat "$folder/said")"
 expect "connections that were used again" "$(grep -c 'Reusing existing connection' "$folder/said")" 2
 
-stop_without_complaint
+stop_without_complaint krohttpd
