@@ -322,7 +322,11 @@ void auth_hdrFreeAuthorization(HttpHeader* header) {
 }
 
 char* http_generateDigestHash(const char* user, const char* realm, const char* password) {
-  TRACE_INFO("hash1=%s:%s:%s", user, realm, password);
+  TRACE_INFO("hash1=%s:%s:%s", textOrNull(user), textOrNull(realm), textOrNull(password));
+  if (user == nullptr || realm == nullptr || password == nullptr) {
+    TRACE_ERROR("unable to create digest: a part is missing");
+    return nullptr;
+  }
   BoundedText<kLongestInput> input;
   char ha1[kHexLength + 1];
   hashInto(input.add(user).add(":").add(realm).add(":").add(password).view(), ha1);

@@ -31,7 +31,8 @@ enum HttpAuthScheme {
 /**
  * HA1, by which a Digest user's password is known: MD5 of "user:realm:password".
  * Of the three together the first 600 characters count.
- * @return 32 lower-case hexadecimal digits, to be freed by the caller; NULL when memory is short (traced)
+ * @return 32 lower-case hexadecimal digits, to be freed by the caller; NULL when one of the three is NULL, and when memory is
+ * short (traced)
  */
 KROHTTP_API char *http_generateDigestHash(const char *user, const char *realm, const char *password);
 

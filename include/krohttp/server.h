@@ -81,7 +81,9 @@ KROHTTP_API int http_serverStart(HttpServer *server);
 
 /**
  * Stops: ends the listening peer and idle connections at once; requests under way are finished first. Allowed in any
- * handler, and again. stoppedHandler tells when all is done.
+ * handler, and again. From here on neither replyDoneHandler nor errorHandler runs for a connection that closes: what
+ * the application keeps for a request it releases itself (peer_addCloseHandler()). stoppedHandler tells when all is
+ * done.
  */
 KROHTTP_API void http_serverStop(HttpServer *server);
 
