@@ -66,7 +66,7 @@ void Exchange::installHandlers() {
   link_.replyDoneHandler = [](HttpReply* reply, HttpRequest*) { of(reply)->replyDone(); };
   link_.errorHandler = [](HttpReply* reply, HttpRequest*) { of(reply)->errorHappened(); };
   link_.requestDrainedHandler = [](HttpReply* reply, HttpRequest*) { of(reply)->pumpUpload(); };
-  
+  link_.takesEarlyReply = true;
   link_.closedHandler = [](HttpClient* client) {
     if (Exchange* const exchange = static_cast<Link*>(client)->exchange) exchange->closed();
   };
