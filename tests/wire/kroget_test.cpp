@@ -663,6 +663,7 @@ struct KrogetSignalCase {
   const char* name;
   int number;
 };
+void PrintTo(const KrogetSignalCase& row, std::ostream* out) { *out << row.name; }
 class KrogetSignalTest : public KrogetTest, public ::testing::WithParamInterface<KrogetSignalCase> {};
 INSTANTIATE_TEST_SUITE_P(Kroget, KrogetSignalTest,
                          ::testing::Values(KrogetSignalCase{"Interrupt", SIGINT},
