@@ -4,6 +4,7 @@
 
 #include <cctype>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <memory>
 
@@ -11,11 +12,11 @@ namespace {
 
 FILE* file = nullptr;
 
-// Text from the network, with everything that could forge or garble a line escaped.
-void putEscaped(const char* text) {
+// Text from the network, with everything that could forge or garble a line escaped, and @p separator.
+void putEscaped(const char* text, char separator = '"') {
   for (; *text != '\0'; ++text) {
     const auto c = static_cast<unsigned char>(*text);
-    if (c < 32 || c >= 127 || c == '"' || c == '\\')
+    if (c < 32 || c >= 127 || c == '"' || c == '\\' || *text == separator)
       std::fprintf(file, "\\x%02x", c);
     else
       std::fputc(c, file);
@@ -31,7 +32,17 @@ void putTime() {
   std::fputs(text, file);
 }
 
-void putRequestLine(HttpRequest* request) {
+// A field between blanks. "-" is what an empty one looks like.
+void putUser(const std::string& user) {
+  if (user == "-")
+    std::fputs("\\x2d", file);
+  else if (user.empty())
+    std::fputc('-', file);
+  else
+    putEscaped(user.c_str(), ' ');
+}
+
+void putRequestLine(HttpRequest* request, bool withQuery) {
   const std::unique_ptr<char, decltype(&std::free)> target(
       http_requestPath(request) != nullptr ? http_uriSerialize(http_requestURI(request)) : nullptr, &std::free);
   if (!target) {
@@ -39,6 +50,7 @@ void putRequestLine(HttpRequest* request) {
     return;
   }
   std::fprintf(file, "%s ", http_requestMethodString(request));
+  if (!withQuery) target.get()[std::strcspn(target.get(), "?")] = '\0';
   putEscaped(target.get());
   std::fprintf(file, " HTTP/%u.%u", http_requestVersion(request)[0], http_requestVersion(request)[1]);
 }
@@ -52,13 +64,15 @@ bool accessLogOpen(const std::string& path) {
   return true;
 }
 
-void accessLogWrite(HttpRequest* request, HttpReply* reply) {
+void accessLogWrite(HttpRequest* request, HttpReply* reply, const std::string& user, bool withQuery) {
   if (file == nullptr) return;
   const char* const address = peer_address(http_requestPeer(request));
-  std::fprintf(file, "%s - - [", *address != '\0' ? address : "-");
+  std::fprintf(file, "%s - ", *address != '\0' ? address : "-");
+  putUser(user);
+  std::fputs(" [", file);
   putTime();
   std::fputs("] \"", file);
-  putRequestLine(request);
+  putRequestLine(request, withQuery);
   const char* const length = http_replyHeaderValue(reply, "Content-Length");
   std::fprintf(file, "\" %u %s\n", http_replyStatusCode(reply), length != nullptr ? length : "-");
 }

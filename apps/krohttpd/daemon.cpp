@@ -13,10 +13,12 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "access_log.h"
 #include "routes.h"
+#include "users.h"
 
 namespace {
 
@@ -101,6 +103,7 @@ void onSignal(int, void*) {
     zel_timer_start(daemon_->deadline.get(), kStopMilliseconds);
   }
   for (const auto& server : daemon_->servers) http_serverStop(server.get());
+  routesStop();
 }
 
 int serve(const Options& options) {
@@ -126,14 +129,22 @@ int daemonRun(const Options& options) {
     std::fprintf(stderr, "krohttpd: cannot open %s: %s\n", options.accessLog.c_str(), std::strerror(errno));
     return kFailed;
   }
+  Users users;
+  std::string error;
+  if (!options.authFile.empty() && !users.load(options.authFile, &error)) {
+    std::fprintf(stderr, "krohttpd: %s\n", error.c_str());
+    return kFailed;
+  }
   Daemon daemon;
   daemon_ = &daemon;
   clock_gettime(CLOCK_MONOTONIC, &daemon.started);
   daemon.connection.reset(connection_create());
-  routesSetUp(options, count, daemon.connection.get());
+  routesSetUp(options, users, count, daemon.connection.get());
   const int status = serve(options);
   routesTearDown();
   daemon.deadline.reset();
+  // The loop has ended: nobody would be told, and what it takes to tell would be left over.
+  for (const auto& server : daemon.servers) server->stoppedHandler = nullptr;
   daemon.connection.reset();
   zel_loop_close();
   accessLogClose();

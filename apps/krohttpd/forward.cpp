@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "framing.h"
+#include "prefix.h"
 #include "replies.h"
 
 namespace {
@@ -23,23 +24,11 @@ std::vector<ProxyTarget> targets;
 ZelConnection* connection_ = nullptr;
 uint32_t timeout = 0;
 
-// "/api" covers "/api" and "/api/x", but not "/apix".
-bool covers(std::string_view prefix, std::string_view path) {
-  if (!path.starts_with(prefix)) return false;
-  return path.size() == prefix.size() || prefix.ends_with('/') || path[prefix.size()] == '/';
-}
-
 // The path goes out decoded: control bytes in it could end the request line, and what leads upwards could lead out of
 // the prefix.
 bool isForwardable(std::string_view path) {
-  if (path.find("/../") != std::string_view::npos || path.ends_with("/..")) return false;
+  if (leadsUpwards(path)) return false;
   return std::none_of(path.begin(), path.end(), [](char c) { return static_cast<unsigned char>(c) < 32 || c == 127; });
-}
-
-// Without a header that says so a body would last until the connection ends: there is none (RFC 9112 section 6.3).
-int settleBody(HttpRequest* request) {
-  if (http_requestState(request) != HTTP_MSG_BODY || http_requestBodyType(request) != HTTP_BODY_UNTIL_CLOSE) return 0;
-  return http_requestHeaderValueSet(request, "Content-Length", "0") < 0 ? -1 : http_requestDone(request);
 }
 
 // What the target is told beside what the browser has said.
@@ -75,12 +64,7 @@ void forwardSetUp(const Options& options, ZelConnection* connection) {
 
 void forwardTearDown() { exchanges.clear(); }
 
-const ProxyTarget* forwardTarget(const char* path) {
-  const ProxyTarget* best = nullptr;
-  for (const ProxyTarget& target : targets)
-    if (covers(target.prefix, path) && (best == nullptr || target.prefix.size() > best->prefix.size())) best = &target;
-  return best;
-}
+const ProxyTarget* forwardTarget(const char* path) { return longestMatch(targets, path); }
 
 int forwardBegin(HttpRequest* request, HttpReply* reply, const ProxyTarget& target) {
   if (!isForwardable(http_requestPath(request))) return replyWithStatus(request, reply, 400);

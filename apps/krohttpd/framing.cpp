@@ -44,6 +44,11 @@ Framing framingOf(HttpMessage* message) {
   return framing;
 }
 
+int settleBody(HttpRequest* request) {
+  if (http_requestState(request) != HTTP_MSG_BODY || http_requestBodyType(request) != HTTP_BODY_UNTIL_CLOSE) return 0;
+  return http_requestHeaderValueSet(request, "Content-Length", "0") < 0 ? -1 : http_requestDone(request);
+}
+
 bool isAmbiguous(const Framing& framing) {
   return framing.lengths + framing.codings > 1 || !framing.lengthIsNumber || !framing.namesAreTokens;
 }

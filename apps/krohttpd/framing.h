@@ -15,6 +15,10 @@ struct Framing {
 
 Framing framingOf(HttpMessage* message);
 
+// Without a header that says so a body would last until the connection ends: there is none (RFC 9112 section 6.3).
+// Returns 0 or -1.
+int settleBody(HttpRequest* request);
+
 // RFC 9112 section 6.3: with two ways to tell the body's end, or none that can be read, what follows may be meant as
 // another message.
 bool isAmbiguous(const Framing& framing);

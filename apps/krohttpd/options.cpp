@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "prefix.h"
+
 namespace {
 
 constexpr int kUsageError = 2;
@@ -71,6 +73,31 @@ TraceZone parseTrace(const std::string& text) {
   return {zone, std::stoi(level)};
 }
 
+// "PREFIX=basic", "PREFIX=digest" or "PREFIX=session".
+Protection parseProtection(const std::string& text) {
+  const size_t equals = text.rfind('=');
+  const std::string prefix = text.substr(0, equals);
+  if (!text.starts_with('/') || equals == std::string::npos || leadsUpwards(prefix))
+    refuse("--protect: '" + text + "' is not PREFIX=basic, PREFIX=digest or PREFIX=session");
+  Protection protection{normalizedPath(prefix), AuthScheme::kBasic};
+  if (protection.prefix.size() > 1 && protection.prefix.ends_with('/')) protection.prefix.pop_back();
+  const std::string scheme = text.substr(equals + 1);
+  if (scheme == "digest")
+    protection.scheme = AuthScheme::kDigest;
+  else if (scheme == "session")
+    protection.scheme = AuthScheme::kSession;
+  else if (scheme != "basic")
+    refuse("--protect: '" + scheme + "' is neither 'basic' nor 'digest' nor 'session'");
+  return protection;
+}
+
+void addProtection(Options* options, const std::string& text) {
+  const Protection added = parseProtection(text);
+  for (const Protection& protection : options->protections)
+    if (protection.prefix == added.prefix) refuse("--protect: '" + added.prefix + "' is there twice");
+  options->protections.push_back(added);
+}
+
 // The root as the file sender compares it: resolved, and with a slash, so that its siblings stay out.
 std::string resolveRoot(const std::string& directory) {
   char resolved[PATH_MAX];
@@ -82,8 +109,40 @@ std::string resolveRoot(const std::string& directory) {
   return root;
 }
 
+void addLoginOptions(CLI::App& app, Options* options, std::vector<std::string>* protections,
+                     std::vector<std::string>* newUser) {
+  app.add_option("--auth-file", options->authFile,
+                 "The users: lines USER:REALM:HA1 as htdigest writes them; the realm is that of the first line")
+      ->type_name("FILE");
+  app.add_option("--protect", *protections,
+                 "Let only users get at what is below PREFIX: PREFIX=basic, PREFIX=digest, or PREFIX=session for a "
+                 "login page; repeatable, the longest prefix wins")
+      ->type_name("PREFIX=SCHEME")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  app.add_option("--session-timeout", options->sessionTimeout,
+                 "Log users of the login page out after so many seconds without a request, 0 for never")
+      ->type_name("SECONDS")
+      ->capture_default_str()
+      ->check(CLI::Range(0U, 31536000U));
+  app.add_option("--add-user", *newUser,
+                 "Ask for a password (or read a line from standard input), write the user into FILE, and end")
+      ->type_name("FILE USER REALM")
+      ->expected(3);
+}
+
+// Adding a user is all that is done then.
+NewUser parseNewUser(const CLI::App& app, const std::vector<std::string>& values) {
+  for (const CLI::Option* option : app.get_options())
+    if (option->count() > 0 && !option->check_name("--add-user"))
+      refuse("--add-user goes without " + option->get_name());
+  return {values[0], values[1], values[2]};
+}
+
 Options parse(CLI::App& app, int argc, char** argv) {
   Options options;
+  std::vector<std::string> protections;
+  std::vector<std::string> newUser;
   std::vector<std::string> listen;
   std::vector<std::string> traces;
   std::vector<std::string> proxies;
@@ -110,17 +169,24 @@ Options parse(CLI::App& app, int argc, char** argv) {
       ->type_name("FILE");
   app.add_option("--trace", traces,
                  "Trace a zone (http-server, http-message, ..., * for all) up to a level: "
-                 "notice, info or a number; repeatable")
+                 "notice, info or a number; repeatable. At info it shows what users send, their passwords too")
       ->type_name("ZONE[=LEVEL]")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  addLoginOptions(app, &options, &protections, &newUser);
   app.set_version_flag("--version", "krohttpd " KROHTTPD_VERSION);
   app.parse(argc, argv);
+  if (!newUser.empty()) {
+    options.newUser = parseNewUser(app, newUser);
+    return options;
+  }
 
   if (listen.empty()) listen.push_back("127.0.0.1:8080");
   for (const std::string& address : listen) options.listen.push_back(parseListen(address));
   for (const std::string& trace : traces) options.traces.push_back(parseTrace(trace));
   for (const std::string& proxy : proxies) options.proxies.push_back(parseProxy(proxy));
+  for (const std::string& protection : protections) addProtection(&options, protection);
+  if (!protections.empty() && options.authFile.empty()) refuse("--protect: who may log in? give --auth-file FILE");
   if (root.empty() && !options.demo && proxies.empty())
     refuse("nothing to serve: give --root DIR, --demo or --proxy PREFIX=TARGET");
   if (!root.empty()) options.root = resolveRoot(root);

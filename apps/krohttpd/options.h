@@ -23,6 +23,21 @@ struct ProxyTarget {
   std::string port;
 };
 
+enum class AuthScheme { kBasic, kDigest, kSession };
+
+// Requests below prefix are for users only.
+struct Protection {
+  std::string prefix;  // without empty segments, and without a slash at its end
+  AuthScheme scheme = AuthScheme::kBasic;
+};
+
+// Whom to add to which file, instead of serving.
+struct NewUser {
+  std::string file;
+  std::string name;
+  std::string realm;
+};
+
 struct Options {
   std::vector<ListenAddress> listen;
   std::string root;  // resolved, with a slash at its end; empty: no files are served
@@ -31,6 +46,10 @@ struct Options {
   unsigned proxyTimeout = 60;  // seconds without progress; 0: no limit
   std::string accessLog;       // "-" for standard output, empty: none
   std::vector<TraceZone> traces;
+  std::string authFile;  // empty: none
+  std::vector<Protection> protections;
+  unsigned sessionTimeout = 1800;  // seconds without activity; 0: no limit
+  std::optional<NewUser> newUser;
 };
 
 // What to do after the command line was read: run with options, or end with a status (help was printed, or an error in

@@ -28,6 +28,9 @@ const char* httpDate() {
   return text;
 }
 
+// The phrase where the library knows none, null where it does.
+const char* phraseOf(unsigned code) { return code == 429 ? "Too Many Requests" : nullptr; }
+
 }  // namespace
 
 bool closesAfter(HttpRequest* request) {
@@ -48,7 +51,7 @@ int addCommonHeaders(HttpRequest* request, HttpReply* reply) {
 
 int replyWithText(HttpRequest* request, HttpReply* reply, unsigned code, const char* contentType, std::string_view text,
                   const char* allow) {
-  if (http_replyStatusCodeSet(reply, code, nullptr) < 0 || addCommonHeaders(request, reply) < 0) return -1;
+  if (http_replyStatusCodeSet(reply, code, phraseOf(code)) < 0 || addCommonHeaders(request, reply) < 0) return -1;
   if (allow != nullptr && http_replyHeaderValueSet(reply, "Allow", "%s", allow) < 0) return -1;
   if (!text.empty() && http_replyHeaderValueSet(reply, "Content-Type", "%s", contentType) < 0) return -1;
   if (http_replyHeaderValueSet(reply, "Content-Length", "%zu", text.size()) < 0 || http_replySend(reply) < 0) return -1;

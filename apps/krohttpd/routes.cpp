@@ -11,7 +11,12 @@
 #include "echo.h"
 #include "forward.h"
 #include "framing.h"
+#include "identity.h"
+#include "login.h"
+#include "protection.h"
+#include "refusal.h"
 #include "replies.h"
+#include "waiting.h"
 
 namespace {
 
@@ -89,23 +94,16 @@ bool isAllowed(HttpRequest* request) {
   return method == HTTP_METHOD_GET || method == HTTP_METHOD_HEAD;
 }
 
-// Nobody will read the body of this request: it is dropped as it comes, and then the connection closes. One that is not
-// worth waiting for, or whose end nobody knows, closes it at once.
-int refuse(HttpRequest* request, HttpReply* reply, unsigned code, const char* allow = nullptr) {
-  const bool hasBody = http_requestState(request) == HTTP_MSG_BODY;
-  if ((hasBody || isAmbiguous(framingOf(&request->message))) && announceClose(reply) < 0) return -1;
-  if (replyWithStatus(request, reply, code, allow) < 0) return -1;
-  const int type = http_requestBodyType(request);
-  const bool unreadable = type == HTTP_BODY_MULTIPART || type == HTTP_BODY_UNKNOWN || code == 413 ||
-                          isAmbiguous(framingOf(&request->message));
-  return hasBody && unreadable ? -1 : 0;
+// What depends on who asks is kept by nobody: after a logout nothing is left of it.
+int forbidStoring(HttpRequest* request, HttpReply* reply) {
+  return identityOf(request).empty() ? 0 : http_replyHeaderValueSet(reply, "Cache-Control", "no-store");
 }
 
-int answer(HttpRequest* request, HttpReply* reply) {
+int serve(HttpRequest* request, HttpReply* reply) {
   const char* const allow = wantsEcho(request) ? kEchoMethods : kReadMethods;
-  if (const unsigned code = refusalOf(request); code != 0) return refuse(request, reply, code);
   if (const ProxyTarget* const target = forwardTarget(http_requestPath(request)); target != nullptr)
     return forwardBegin(request, reply, *target);
+  if (forbidStoring(request, reply) < 0) return -1;
   if (http_requestMethod(request) == HTTP_METHOD_OPTIONS) return replyWithText(request, reply, 200, kText, "", allow);
   if (!isAllowed(request)) return refuse(request, reply, 405, allow);
   if (wantsEcho(request)) return echoBegin(request, reply);
@@ -114,6 +112,13 @@ int answer(HttpRequest* request, HttpReply* reply) {
   if (demo && path == "/hello") return replyWithText(request, reply, 200, kText, "Hello, world!");
   if (demo && path == "/status") return replyWithCounters(request, reply);
   return replyWithFile(request, reply);
+}
+
+int answer(HttpRequest* request, HttpReply* reply) {
+  if (const unsigned code = refusalOf(request); code != 0) return refuse(request, reply, code);
+  if (isLoginPath(http_requestPath(request))) return loginBegin(request, reply);
+  int result = 0;
+  return protectionAdmits(request, reply, &result) ? serve(request, reply) : result;
 }
 
 // --- handlers --------------------------------------------------------------------------------------------------------
@@ -133,16 +138,23 @@ int dropBody(FILE* body) {
 
 int onBody(HttpRequest* request, HttpReply* reply, FILE* body) {
   if (isForwarding(request)) return forwardBody(request);
+  if (isLoggingIn(request)) return loginBody(request, reply, body);
   return isEchoing(request) ? echoBody(request, reply, body) : dropBody(body);
 }
 
 void endExchange(HttpRequest* request) {
   echoEnd(request);
   forwardEnd(request);
+  loginEnd(request);
+  identityEnd(request);
+}
+
+void writeLog(HttpRequest* request, HttpReply* reply) {
+  accessLogWrite(request, reply, identityOf(request), !isLoginPath(http_requestPath(request)));
 }
 
 void onReplyDone(HttpReply* reply, HttpRequest* request) {
-  accessLogWrite(request, reply);
+  writeLog(request, reply);
   endExchange(request);
 }
 
@@ -164,20 +176,29 @@ void onError(HttpRequest* request, HttpReply* reply) {
     http_replyVersionSet(reply, 1, 1);
     if (announceClose(reply) == 0) replyWithStatus(request, reply, statusOfRefusal(refusal));
   }
-  if (http_replyStatusCode(reply) != 0) accessLogWrite(request, reply);
+  if (http_replyStatusCode(reply) != 0) writeLog(request, reply);
   endExchange(request);
 }
 
 }  // namespace
 
-void routesSetUp(const Options& options, std::function<Counters()> counters, ZelConnection* connection) {
+void routesSetUp(const Options& options, const Users& users, std::function<Counters()> counters,
+                 ZelConnection* connection) {
   root = options.root;
   demo = options.demo;
   currentCounters = std::move(counters);
+  protectionSetUp(options, users);
+  loginSetUp(options, users);
   forwardSetUp(options, connection);
 }
 
-void routesTearDown() { forwardTearDown(); }
+void routesStop() { waitingStop(); }
+
+void routesTearDown() {
+  waitingTearDown();
+  forwardTearDown();
+  loginTearDown();
+}
 
 void routesInstall(HttpServer* server) {
   server->requestHandler = onRequest;

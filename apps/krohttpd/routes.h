@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "options.h"
+#include "users.h"
 
 // What /status tells.
 struct Counters {
@@ -15,7 +16,12 @@ struct Counters {
 };
 
 // Prepares the routes for @p options; @p counters is asked at each /status. Forwarded requests go over @p connection.
-void routesSetUp(const Options& options, std::function<Counters()> counters, ZelConnection* connection);
+// @p users must outlive the routes.
+void routesSetUp(const Options& options, const Users& users, std::function<Counters()> counters,
+                 ZelConnection* connection);
+
+// The servers have been stopped: answers that wait go out now.
+void routesStop();
 
 // Ends what is under way.
 void routesTearDown();
