@@ -125,6 +125,7 @@ void bodyClosed(HttpMessage* message, int state) {
   if (transferring && message->mode == HTTP_MSG_READING) message->bodyCut = 1;
   message->state = state;
   message->body = nullptr;
+  message->bodyAhead = 0;
   if (transferring) msg_completed(message);
 }
 
@@ -194,7 +195,8 @@ size_t readAhead(BufferedBody* body) {
   return count;
 }
 
-// Tops the buffer up for a read of @p amount bytes, waiting up to ten times 10 ms for what is on its way.
+// Tops the buffer up for a read of @p amount bytes, waiting up to ten times 10 ms for what is on its way. Who takes the
+// body apart as it comes is served with what is there.
 void topUp(BufferedBody* body, uint32_t amount) {
   constexpr int kAttempts = 10;
   constexpr useconds_t kPause = 10000;
@@ -203,7 +205,7 @@ void topUp(BufferedBody* body, uint32_t amount) {
   body->position = 0;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     readAhead(body);
-    if (errno != EAGAIN || body->fill >= amount) break;
+    if (errno != EAGAIN || body->fill >= amount || body->message->inParts) break;
     usleep(kPause);
     errno = EAGAIN;
   }
@@ -226,13 +228,15 @@ ssize_t body_read_buffered(void* cookie, char* buffer, size_t size) {
   if (atEnd(message) && body->position == body->fill) return endOfBody();
 
   int error = 0;
-  if (body->position == body->fill) {
+  const bool wasUsedUp = body->position == body->fill;
+  if (wasUsedUp) {
     body->position = body->fill = 0;
     readAhead(body);
     error = errno;
   }
   if (body->fill == 0) return nothingBuffered(body);
-  if (body->fill - body->position < amount) {
+  const bool isAllThereIs = wasUsedUp && message->inParts;
+  if (body->fill - body->position < amount && !isAllThereIs) {
     topUp(body, amount);
     error = errno;
   }
@@ -240,6 +244,7 @@ ssize_t body_read_buffered(void* cookie, char* buffer, size_t size) {
   std::memcpy(buffer, body->buffer + body->position, count);
   body->done += count;
   body->position += count;
+  message->bodyAhead = body->fill - body->position;
   traceRead(body, count, size, buffer, amount);
 
   const bool usedUp = body->position == body->fill;
@@ -259,6 +264,7 @@ int body_seek_buffered(void* cookie, off64_t* offset, int whence) {
   if (body->fill == 0) return -1;
   const auto target = static_cast<int64_t>(body->position) + *offset;
   body->position = static_cast<uint32_t>(std::clamp<int64_t>(target, 0, body->fill));
+  body->message->bodyAhead = body->fill - body->position;
   body->done += static_cast<uint32_t>(*offset);
   *offset = body->position;
   return 0;

@@ -304,7 +304,7 @@ int readHead(Connection* connection) {
 // The stream of a body that lasts until the connection closes takes a first read that would block for that end.
 bool awaitsData(const Connection* connection) {
   const HttpMessage& reply = connection->reply->message;
-  if (reply.bodyType != HTTP_BODY_UNTIL_CLOSE || heldBytes(reply.body) > 0 || heldBytes(reply.stream) > 0) return false;
+  if (reply.bodyType != HTTP_BODY_UNTIL_CLOSE || heldOfBody(reply) > 0 || heldBytes(reply.stream) > 0) return false;
   char next;
   return peer_peek(connection->peer, &next, 1) < 0 && errno == EAGAIN;
 }
@@ -332,8 +332,7 @@ int bodyHandled(Connection* connection, int result, const ReadMark& before) {
   if (http_replyNeedMoreData(connection->reply) && reply->body != nullptr) clearerr_unlocked(reply->body);
   TRACE_INFO("handled body state is now %u", static_cast<unsigned>(reply->state));
   // A handler that has paused comes back for what its stream still holds.
-  if (result >= 0 && connection->paused && (reply->state == HTTP_MSG_BODY || heldBytes(reply->body) > 0))
-    return kHandled;
+  if (result >= 0 && connection->paused && (reply->state == HTTP_MSG_BODY || heldOfBody(*reply) > 0)) return kHandled;
   if (result < 0 || reply->state == HTTP_MSG_DONE) {
     closeOpenBody(reply);
     if (!connection->early) switchTo(connection->client, HTTP_CLIENT_REPLY_RECEIVED);
@@ -408,7 +407,7 @@ int readStep(Connection* connection) {
       return readBody(connection);
     case HTTP_MSG_DONE:
       // A handler that paused has not seen the end of what the body's own stream holds.
-      if (heldBytes(connection->reply->message.body) > 0) return readBody(connection);
+      if (heldOfBody(connection->reply->message) > 0) return readBody(connection);
       return replyDone(connection);
     default:
       TRACE_ERROR("unknown state: %i", connection->reply->message.state);
@@ -639,7 +638,7 @@ int http_clientResume(HttpClient* client) {
   if (!isReading(connection)) return 0;
   listenForReply(connection);
   // What the body's own stream holds raises no event.
-  const bool held = connection->reply != nullptr && heldBytes(connection->reply->message.body) > 0;
+  const bool held = connection->reply != nullptr && heldOfBody(connection->reply->message) > 0;
   return held && !startLater(connection, 0) ? -1 : 0;
 }
 

@@ -12,6 +12,7 @@
 #include "memory.h"
 #include "message_internal.h"
 #include "protocol_internal.h"
+#include "watch.h"
 
 #define TRACE_ZONE "http-message"
 #include "trace.h"
@@ -131,6 +132,12 @@ size_t takeBuffered(HttpMessage* message, FILE* stream) {
   return count;
 }
 
+bool growForHead(HttpMessage* message) {
+  if (message->headLimit == 0 || message->bufferSize < message->headLimit) return msg_growAndKeep(message, 0) == 0;
+  TRACE_ERROR("head is longer than %u bytes", message->headLimit);
+  return false;
+}
+
 // Ends the line whose LF is the last byte of the buffer. The byte before the LF is taken for the CR, whatever it is.
 char* takeLine(HttpMessage* message) {
   message->buffer[message->fill - 1] = '\0';
@@ -215,7 +222,7 @@ extern "C" {
 int msg_lineGet(HttpMessage* message, FILE* stream, char** line) {
   message->needMoreData = 0;
   for (;;) {
-    if (message->fill == message->bufferSize && msg_growAndKeep(message, 0) < 0) return -1;
+    if (message->fill == message->bufferSize && !growForHead(message)) return -1;
     if (takeBuffered(message, stream) == 0) {
       const int byte = getc_unlocked(stream);
       if (byte == EOF) break;
@@ -977,10 +984,13 @@ HttpMessage* http_msgReset(HttpMessage* message) {
   message->body = nullptr;
   message->bodyCut = 0;
   message->relayed = 0;
+  message->inParts = 0;
+  message->bodyAhead = 0;
   return message;
 }
 
 void http_msgCleanup(HttpMessage* message) {
+  Watch<HttpMessage>::tellGone(message);
   if (message->peer != nullptr && message->ownerType == HTTP_MSG_OWNED_BY_CLIENT) cl_messageGone(message);
   std::free(message->buffer);
   if (message->body != nullptr && message->state == HTTP_MSG_BODY) std::fclose(message->body);

@@ -10,6 +10,9 @@ inline size_t heldBytes(const FILE* stream) {
   return stream != nullptr ? static_cast<size_t>(stream->_IO_read_end - stream->_IO_read_ptr) : 0;
 }
 
+// What has been read of a message's body and waits for somebody to take it: no read event tells of it.
+inline size_t heldOfBody(const HttpMessage& message) { return heldBytes(message.body) + message.bodyAhead; }
+
 // Where reading a message's body stands: unchanged after a handler that has read nothing.
 struct ReadMark {
   const char* body;

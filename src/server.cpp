@@ -234,13 +234,27 @@ bool srv_handleWriteFileReplyDone(ZelPeer* peer);
 
 // --- going on without an event ---------------------------------------------------------------------------------------
 
-// No event comes for a reply that is completed after all of it has left, nor from a descriptor that has nothing to send
-// yet, and those for a body whose handler does not read would come all the time: a timer goes on with them.
+// No read event comes any more for these.
+bool hasBodyAtHand(const Connection* connection) {
+  const HttpMessage& request = connection->request.message;
+  return request.state >= HTTP_MSG_DONE || heldOfBody(request) > 0;
+}
+
+bool readOn(Connection* connection, ZelPeer* peer) {
+  peer_setEventHandler(peer, PEER_EVENT_DATA, PEER_DIRECTION_IN, srv_handleRead);
+  return !hasBodyAtHand(connection) || srv_handleRead(peer);
+}
+
+// No event comes for a reply that is completed after all of it has left, for what has been read of a body before its
+// request was paused, nor from a descriptor that has nothing to send yet, and those for a body whose handler does not
+// read would come all the time: a timer goes on with them.
 void goOnLater(ZelTimer*, void* userData) {
   auto* const connection = static_cast<Connection*>(userData);
   ZelPeer* const peer = peerOf(connection);
-  if (connection->state == HTTP_SERVER_RECEIVING_REQUEST && connection->request.message.paused == HTTP_MSG_RUNNING)
-    peer_setEventHandler(peer, PEER_EVENT_DATA, PEER_DIRECTION_IN, srv_handleRead);
+  if (connection->state == HTTP_SERVER_RECEIVING_REQUEST && connection->request.message.paused == HTTP_MSG_RUNNING) {
+    if (!readOn(connection, peer)) peer_destroy(peer);
+    return;
+  }
   if (connection->state != HTTP_SERVER_SENDING_REPLY) return;
   if (connection->staticFd >= 0) {
     peer_setEventHandler(peer, PEER_EVENT_WRITABLE, PEER_DIRECTION_OUT, srv_handleWriteFile);
@@ -398,6 +412,8 @@ int readStep(Connection* connection, ZelPeer* peer) {
     case HTTP_MSG_BODY:
       return srv_handleReadBody(connection, peer);
     case HTTP_MSG_DONE:
+      // All of the body had been read when its handler paused, but not all of it had been taken.
+      if (heldOfBody(connection->request.message) > 0) return srv_handleReadBody(connection, peer);
       return srv_handleReadDone(connection, peer);
     default:
       TRACE_ERROR("unknown state");
@@ -427,8 +443,10 @@ bool srv_handleRead(ZelPeer* peer) {
   const Watch watch(connection);
   const bool handled = readAvailable(connection, peer, watch);
   // A temporized request has sat this pass out; the next event goes on with it.
-  if (!watch.gone() && connection->request.message.paused == HTTP_MSG_TEMPORIZED)
+  if (!watch.gone() && connection->request.message.paused == HTTP_MSG_TEMPORIZED) {
     connection->request.message.paused = HTTP_MSG_RUNNING;
+    if (hasBodyAtHand(connection)) startLater(connection, kPauseMilliseconds);
+  }
   return handled;
 }
 
@@ -1034,6 +1052,9 @@ int http_serverResumeRequest(HttpRequest* request) {
     return -1;
   }
   request->message.paused = HTTP_MSG_RUNNING;
+  // The loop runs the timer, not this call; by then somebody may have read what an event was to tell of.
+  Connection* const connection = connectionOf(peer);
+  if (connection->state == HTTP_SERVER_RECEIVING_REQUEST) startLater(connection, 0);
   return 0;
 }
 

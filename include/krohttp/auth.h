@@ -44,7 +44,9 @@ KROHTTP_API int auth_hdrFactoryAuthorization(HttpHeader *header, char *text);
 /**
  * Adds an Authorization header to @p message. For Digest username, password (HA1), method, realm, nonce and uri must
  * be set, and qop to "auth" unless the server asked for none; cnonce is drawn anew, nc is "00000001" unless set.
- * @return 0, or -1 when a field is missing, for an unknown scheme and when memory is short (traced)
+ * For Basic nothing must be: what is NULL counts as empty.
+ * @return 0, or -1 when one of the fields of Digest is missing, when memory is short (both traced), and for an unknown
+ * scheme
  */
 KROHTTP_API int auth_hdrSerializeAuthorization(HttpHeader *header, struct HttpMessage *message);
 KROHTTP_API void auth_hdrFreeAuthorization(HttpHeader *header);

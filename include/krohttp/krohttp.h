@@ -26,6 +26,7 @@
 #include <krohttp/export.h>
 #include <krohttp/header.h>
 #include <krohttp/message.h>
+#include <krohttp/multipart.h>
 #include <krohttp/protocol.h>
 #include <krohttp/proxy.h>
 #include <krohttp/reply.h>

@@ -69,19 +69,22 @@ typedef struct HttpMessage {
   int type;             /**< HttpMessageType */
   uint8_t versionMajor; /**< HTTP version of the first line */
   uint8_t versionMinor;
-  int mode;         /**< HttpMessageMode; set with http_msgModeSet() */
-  int needMoreData; /**< the last read stopped because nothing more has arrived yet */
-  FILE *body;       /**< the body stream while it is open */
-  int bodyType;     /**< HttpBodyType, known when the head is complete */
-  void *owner;      /**< the HttpServer or HttpClient that holds the message, not owned */
-  int ownerType;    /**< HttpMessageOwner */
-  void *userData;   /**< the application's, not touched by the library */
-  ZelPeer *peer;    /**< the connection, not owned; set with msg_setPeer() */
-  uint8_t paused;   /**< HttpMessagePause of a request on a server connection */
-  uint8_t refusal;  /**< HttpMessageRefusal of the last head that was read */
-  uint8_t bodyless; /**< private: the reply may not have a body: what is written of one is accepted and dropped */
-  uint8_t bodyCut;  /**< the body ended, or was closed, before its announced end was read */
-  uint8_t relayed;  /**< private: the body is passed on, and never looked back into */
+  int mode;           /**< HttpMessageMode; set with http_msgModeSet() */
+  int needMoreData;   /**< the last read stopped because nothing more has arrived yet */
+  FILE *body;         /**< the body stream while it is open */
+  int bodyType;       /**< HttpBodyType, known when the head is complete */
+  void *owner;        /**< the HttpServer or HttpClient that holds the message, not owned */
+  int ownerType;      /**< HttpMessageOwner */
+  void *userData;     /**< the application's, not touched by the library */
+  ZelPeer *peer;      /**< the connection, not owned; set with msg_setPeer() */
+  uint8_t paused;     /**< HttpMessagePause of a request on a server connection */
+  uint8_t refusal;    /**< HttpMessageRefusal of the last head that was read */
+  uint8_t bodyless;   /**< private: the reply may not have a body: what is written of one is accepted and dropped */
+  uint8_t bodyCut;    /**< the body ended, or was closed, before its announced end was read */
+  uint8_t relayed;    /**< private: the body is passed on, and never looked back into */
+  uint8_t inParts;    /**< private: the body is taken apart as it comes: reading it never waits */
+  uint32_t bodyAhead; /**< private: bytes that the body stream's context holds read ahead */
+  uint32_t headLimit; /**< private: a head that takes more bytes fails; 0: none does */
 } HttpMessage;
 
 /* --- the buffer and its lines ------------------------------------------------------------------------------------ */
@@ -108,7 +111,8 @@ KROHTTP_API int msg_lineGet(HttpMessage *message, FILE *stream, char **line);
 /** Appends one formatted line, without a line end. @return 0, or -1 (traced) */
 KROHTTP_API int msg_lineSetV(HttpMessage *message, const char *format, va_list arguments) KROHTTP_PRINTF(2, 0);
 
-/** Puts a formatted first line in front of everything and parses it. @return always 0; a failure shows in state (and is traced) */
+/** Puts a formatted first line in front of everything and parses it. @return always 0; a failure shows in state (and is
+ * traced) */
 KROHTTP_API int msg_lineSetFirstV(HttpMessage *message, const char *format, va_list arguments) KROHTTP_PRINTF(2, 0);
 
 /** Cuts the first line away, if a line feed ends it: lines are stored without, so this finds nothing as a rule.
@@ -118,7 +122,8 @@ KROHTTP_API int msg_removeStatusLine(HttpMessage *message);
 /**
  * Decides what a failed read means.
  * @param error  its errno
- * @return 0 with needMoreData set for EAGAIN, and without for a message that is done or failed; else -1 and state 5 (traced)
+ * @return 0 with needMoreData set for EAGAIN, and without for a message that is done or failed; else -1 and state 5
+ * (traced)
  */
 KROHTTP_API int msg_checkNeedMoreData(HttpMessage *message, int error);
 
@@ -131,7 +136,8 @@ KROHTTP_API int msg_checkNeedMoreData(HttpMessage *message, int error);
  */
 KROHTTP_API int http_msgParse(HttpMessage *message);
 
-/** Parses a request or status line, in place; it must be of the message's own type. @return 0, or -1 and state 5 (traced) */
+/** Parses a request or status line, in place; it must be of the message's own type. @return 0, or -1 and state 5
+ * (traced) */
 KROHTTP_API int msg_parseStatusLine(HttpMessage *message, char *line);
 
 /** Parses "HTTP/1.1", in place; what stands before the slash is not looked at. @return 0, or -1 (traced) */
@@ -210,7 +216,8 @@ KROHTTP_API FILE *http_msgBody(HttpMessage *message);
  * come; -1 on failure (traced) */
 KROHTTP_API int http_msgBodyDiscard(HttpMessage *message);
 
-/** Completes the message: ends its head or body, flushes an outgoing one. @return 0 and state 3, or -1 and state 5 (traced) */
+/** Completes the message: ends its head or body, flushes an outgoing one. @return 0 and state 3, or -1 and state 5
+ * (traced) */
 KROHTTP_API int http_msgDone(HttpMessage *message);
 
 /** @return whether body_type() is other than "no body" */

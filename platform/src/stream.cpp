@@ -206,7 +206,9 @@ void stream_lend(ZelPeer* peer, bool reading) {
 }
 
 bool stream_takeBack(ZelPeer* peer) {
-  if (peer->inBuffer && isInputEmpty(peer)) takeBack(peer->in, &peer->inBuffer);
+  // Whoever has taken its handler away will read outside of it when it goes on: byte by byte without a buffer.
+  const bool resting = !peer->handlers[kOnData];
+  if (peer->inBuffer && !resting && isInputEmpty(peer)) takeBack(peer->in, &peer->inBuffer);
   return takeBackOutput(peer);
 }
 
