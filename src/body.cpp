@@ -143,6 +143,7 @@ ssize_t body_read_normal(void* cookie, char* buffer, size_t size) {
   const int error = errno;
   body->done += static_cast<uint32_t>(count);
   body->begun |= count > 0;
+  message->bodyReads += count > 0;
   const bool parentEnded = feof_unlocked(body->parent);
   traceRead(body, static_cast<ssize_t>(count), size, buffer, amount);
   errno = error;
@@ -214,7 +215,8 @@ void topUp(BufferedBody* body, uint32_t amount) {
 ssize_t nothingBuffered(BufferedBody* body) {
   HttpMessage* const message = body->message;
   const int error = errno;
-  TRACE_ERROR("Read length is zero.");
+  // Who takes the body apart as it comes runs dry each time.
+  if (!message->inParts || error != EAGAIN) TRACE_ERROR("Read length is zero.");
   errno = error;
   parentStopped(message, body->parent);
   return -1;
@@ -245,6 +247,7 @@ ssize_t body_read_buffered(void* cookie, char* buffer, size_t size) {
   body->done += count;
   body->position += count;
   message->bodyAhead = body->fill - body->position;
+  message->bodyReads += count > 0;
   traceRead(body, count, size, buffer, amount);
 
   const bool usedUp = body->position == body->fill;
@@ -411,6 +414,7 @@ ssize_t body_read_chunked(void* cookie, char* buffer, size_t size) {
   while (body->outputFill < size && !message->needMoreData && stepChunks(body)) {
   }
   TRACE_INFO("read %u bytes", body->outputFill);
+  message->bodyReads += body->outputFill > 0;
   errno = message->needMoreData ? EAGAIN : body->readerState == CHUNK_ERROR ? EBADMSG : 0;
   return errno == 0 || body->outputFill > 0 ? static_cast<ssize_t>(body->outputFill) : -1;
 }

@@ -319,6 +319,7 @@ int beginPart(HttpMultipart* multipart) {
 int endParts(HttpMultipart* multipart) {
   closePartBody(multipart);
   TRACE_INFO("finished parsing multipart message");
+  multipart->complete = 1;
   expectNext(multipart, HTTP_MULTIPART_END, kTail);
   return 0;
 }
@@ -418,8 +419,9 @@ int runStep(HttpMultipart* multipart) {
 // What changes when a step gets on.
 struct Standing {
   int state;
+  unsigned toRead;
   unsigned haveRead;
-  const char* input;
+  ReadMark input;
   const FILE* part;
   size_t inPart;
   bool operator==(const Standing&) const = default;
@@ -427,7 +429,8 @@ struct Standing {
 
 Standing standingOf(const HttpMultipart* multipart) {
   const FILE* const part = multipart->part.message.body;
-  return {multipart->state, multipart->haveRead, multipart->input->_IO_read_ptr, part, heldBytes(part)};
+  return {multipart->state, multipart->toRead, multipart->haveRead, readMark(*multipart->message), part,
+          heldBytes(part)};
 }
 
 bool isPaused(const HttpMultipart* multipart) { return multipart->message->paused != HTTP_MSG_RUNNING; }

@@ -4,6 +4,7 @@
 #include <krohttp/message.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 
 inline size_t heldBytes(const FILE* stream) {
@@ -13,13 +14,16 @@ inline size_t heldBytes(const FILE* stream) {
 // What has been read of a message's body and waits for somebody to take it: no read event tells of it.
 inline size_t heldOfBody(const HttpMessage& message) { return heldBytes(message.body) + message.bodyAhead; }
 
-// Where reading a message's body stands: unchanged after a handler that has read nothing.
+// Where reading a message's body stands: unchanged after a handler that has read nothing. Positions in a buffer alone
+// do not tell, they come round.
 struct ReadMark {
   const char* body;
+  uint32_t bodyReads;
   const char* connection;
   bool operator==(const ReadMark&) const = default;
 };
 
 inline ReadMark readMark(const HttpMessage& message) {
-  return {message.body != nullptr ? message.body->_IO_read_ptr : nullptr, message.stream->_IO_read_ptr};
+  return {message.body != nullptr ? message.body->_IO_read_ptr : nullptr, message.bodyReads,
+          message.stream->_IO_read_ptr};
 }

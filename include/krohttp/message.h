@@ -83,6 +83,7 @@ typedef struct HttpMessage {
   uint8_t bodyCut;    /**< the body ended, or was closed, before its announced end was read */
   uint8_t relayed;    /**< private: the body is passed on, and never looked back into */
   uint8_t inParts;    /**< private: the body is taken apart as it comes: reading it never waits */
+  uint32_t bodyReads; /**< private: how often the body stream has got bytes */
   uint32_t bodyAhead; /**< private: bytes that the body stream's context holds read ahead */
   uint32_t headLimit; /**< private: a head that takes more bytes fails; 0: none does */
 } HttpMessage;

@@ -74,6 +74,8 @@ typedef struct HttpMultipart {
   HttpPartHandler partHandler;     /**< NULL: every part is wanted */
   HttpPartBodyHandler bodyHandler; /**< NULL: bodies are read and dropped */
   uint8_t running;                 /**< private: inside http_msgMultipartHandleRead() */
+  uint8_t complete;                /**< the last delimiter has been read: every part is complete, also when the reader
+                                        has failed for want of a line end behind it */
 } HttpMultipart;
 
 /**
