@@ -20,12 +20,15 @@ test   wrk                many connections at once for the load tests
 test   nginx-light        a real server behind the proxy, and for kroget
 test   lighttpd           a second one, with other habits
 test   haproxy            a real proxy in front of krohttpd
+test   clang              builds the fuzz targets
+test   libclang-rt-dev    libFuzzer, and the sanitizers for clang
 bench  libbenchmark-dev   the micro benchmarks
 bench  wrk                the load generator of bench/load
 bench  nginx-light        a server to compare with
 bench  lighttpd           a server to compare with
 bench  libmicrohttpd-dev  a library to compare with
-fuzz   clang              libFuzzer and its instrumentation
+fuzz   clang              builds the fuzz targets
+fuzz   libclang-rt-dev    libFuzzer, and the sanitizers for clang
 lint   clang-format       the layout of the sources
 lint   clang-tidy         static analysis
 lint   shellcheck         static analysis of the shell scripts
