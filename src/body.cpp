@@ -36,6 +36,7 @@ struct NormalBody {
   uint32_t done;
   bool begun;    // something has been transferred: done may have come round to 0
   bool clipped;  // the announced length does not fit
+  bool empty;    // nothing comes, although length is 0: what follows is another message
 };
 
 // A body of known length that can be read again from up to 64 KiB back.
@@ -118,6 +119,12 @@ void endReached(HttpMessage* message, ssize_t count) {
   errno = 0;
 }
 
+ssize_t emptyBody(HttpMessage* message) {
+  errno = 0;
+  endReached(message, 0);
+  return 0;
+}
+
 // Ends the body's life. What an outgoing body leaves is complete; an incoming one may be closed before its end, and
 // then the rest of it is still on the connection.
 void bodyClosed(HttpMessage* message, int state) {
@@ -137,6 +144,7 @@ ssize_t body_read_normal(void* cookie, char* buffer, size_t size) {
   const uint32_t amount = amountToRead(body, size);
   message->needMoreData = 0;
   if (atEnd(message)) return endOfBody();
+  if (body->empty) return emptyBody(message);
 
   errno = 0;
   const size_t count = fread_unlocked(buffer, 1, amount, body->parent);
@@ -228,6 +236,7 @@ ssize_t body_read_buffered(void* cookie, char* buffer, size_t size) {
   const uint32_t amount = amountToRead(body, size);
   message->needMoreData = 0;
   if (atEnd(message) && body->position == body->fill) return endOfBody();
+  if (body->empty) return emptyBody(message);
 
   int error = 0;
   const bool wasUsedUp = body->position == body->fill;
@@ -513,6 +522,7 @@ FILE* openOfLength(HttpMessage* message, FILE* parent, uint64_t length, const ch
   if (body == nullptr) return nullptr;
   body->length = static_cast<uint32_t>(length);
   body->clipped = length > UINT32_MAX;
+  body->empty = length == 0 && message->bodyType == HTTP_BODY_MULTIPART && message->mode == HTTP_MSG_READING;
   return body->stream;
 }
 

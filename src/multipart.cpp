@@ -215,6 +215,7 @@ bool openPartBody(HttpMultipart* multipart) {
   if (body == nullptr) return false;
   __fsetlocking(body, FSETLOCKING_BYCALLER);
   multipart->part.message.body = body;
+  multipart->endOffered = 0;
   return true;
 }
 
@@ -291,7 +292,7 @@ int msgMultipart_handleBody(HttpMultipart* multipart) {
     dropPartBody(multipart);
   else
     result = multipart->bodyHandler(&multipart->part, body);
-  if (!alive) return 0;
+  if (!alive) return result < 0 ? -1 : 0;
   if (result < 0) {
     TRACE_ERROR("part body handler returned an error, aborting");
     return failed(multipart);
@@ -324,9 +325,19 @@ int endParts(HttpMultipart* multipart) {
   return 0;
 }
 
+// The part's stream holds bytes that the application has not read yet, or it has not met the end of them: that is
+// offered once.
+bool isWorthReading(HttpMultipart* multipart) {
+  FILE* const body = multipart->part.message.body;
+  if (body == nullptr) return false;
+  if (heldBytes(body) > 0) return true;
+  const bool offered = multipart->endOffered || feof_unlocked(body);
+  multipart->endOffered = 1;
+  return !offered;
+}
+
 int msgMultipart_handleBoundary(HttpMultipart* multipart) {
-  // The part's stream holds bytes that the application has not read yet.
-  if (heldBytes(multipart->part.message.body) > 0) return msgMultipart_handleBody(multipart);
+  if (isWorthReading(multipart)) return msgMultipart_handleBody(multipart);
 
   TRACE_INFO("handling end of boundary");
   if (!fillScratch(multipart)) {
@@ -363,7 +374,7 @@ int msgMultipart_handleHeader(HttpMultipart* multipart) {
   TRACE_INFO("part header has been read, calling part handler");
   const Alive alive(multipart);
   const int result = multipart->partHandler != nullptr ? multipart->partHandler(part) : 0;
-  if (!alive) return 0;
+  if (!alive) return result < 0 ? -1 : 0;
   if (result < 0) {
     TRACE_ERROR("part handler returned an error, aborting");
     return failed(multipart);
@@ -424,6 +435,7 @@ struct Standing {
   ReadMark input;
   const FILE* part;
   size_t inPart;
+  bool endOffered;
   bool operator==(const Standing&) const = default;
 };
 
@@ -455,20 +467,17 @@ void comeBackLater(HttpMessage* message) {
     message->paused = HTTP_MSG_TEMPORIZED;
 }
 
-// Runs the steps that the data allows.
-void readOn(HttpMultipart* multipart, const Alive& alive) {
+// Runs the steps that the data allows. Returns -1 when the last one has failed.
+int readOn(HttpMultipart* multipart, const Alive& alive) {
   HttpMessage* const message = multipart->message;
   message->needMoreData = 0;
   clearerr_unlocked(multipart->input);
   while (!isOutOfData(multipart) && !isPaused(multipart) && multipart->state <= HTTP_MULTIPART_END) {
     message->needMoreData = 0;
     const Standing before = standingOf(multipart);
-    runStep(multipart);
-    if (!alive) return;
-    if (!isReadable(multipart)) {
-      failed(multipart);
-      return;
-    }
+    const int result = runStep(multipart);
+    if (!alive) return result;
+    if (!isReadable(multipart)) return failed(multipart);
     if (isOutOfData(multipart) || standingOf(multipart) != before) continue;
     if (!isPaused(multipart)) comeBackLater(message);
     break;
@@ -477,6 +486,7 @@ void readOn(HttpMultipart* multipart, const Alive& alive) {
   // What the part's stream still holds keeps the message from being complete.
   if (message->state >= HTTP_MSG_DONE)
     message->bodyAhead = static_cast<uint32_t>(heldBytes(multipart->part.message.body));
+  return multipart->state == HTTP_MULTIPART_FAILED ? -1 : 0;
 }
 
 }  // namespace
@@ -581,13 +591,14 @@ int http_msgMultipartHandleRead(HttpMultipart* multipart) {
   if (isReadable(multipart)) {
     const Alive alive(multipart);
     multipart->running = 1;
-    readOn(multipart, alive);
+    const int result = readOn(multipart, alive);
     if (alive.withoutMessage()) {
       multipart->message = nullptr;
       multipart->input = nullptr;
       failed(multipart);
+    } else if (!alive) {
+      return result;
     }
-    if (!alive && !alive.withoutMessage()) return 0;
     multipart->running = 0;
   } else if (multipart->state < HTTP_MULTIPART_DONE) {
     failed(multipart);

@@ -54,7 +54,8 @@ enum HttpMultipartState {
  */
 typedef int (*HttpPartHandler)(HttpRequest *part);
 /**
- * Bytes of the part can be read. Called at least once for each part, also for an empty one.
+ * Bytes of the part can be read, or its end. Called at least once for each part, also for an empty one, and until all
+ * of its bytes have been read.
  * @param body  of this part alone. Closing it skips the rest of the part
  * @return negative to give up
  */
@@ -74,6 +75,7 @@ typedef struct HttpMultipart {
   HttpPartHandler partHandler;     /**< NULL: every part is wanted */
   HttpPartBodyHandler bodyHandler; /**< NULL: bodies are read and dropped */
   uint8_t running;                 /**< private: inside http_msgMultipartHandleRead() */
+  uint8_t endOffered;              /**< private: the body handler has been called at the end of the part */
   uint8_t complete;                /**< the last delimiter has been read: every part is complete, also when the reader
                                         has failed for want of a line end behind it */
 } HttpMultipart;
