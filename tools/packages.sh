@@ -20,6 +20,7 @@ test   wrk                many connections at once for the load tests
 test   nginx-light        a real server behind the proxy, and for kroget
 test   lighttpd           a second one, with other habits
 test   haproxy            a real proxy in front of krohttpd
+test   openssl            password files for these two
 test   clang              builds the fuzz targets
 test   libclang-rt-dev    libFuzzer, and the sanitizers for clang
 bench  libbenchmark-dev   the micro benchmarks

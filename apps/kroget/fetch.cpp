@@ -8,6 +8,8 @@
 namespace {
 
 constexpr int kMostRedirects = 10;
+// A nonce that is too old at once, again and again, is no use to anybody.
+constexpr int kMostStaleAnswers = 3;
 
 bool isRedirect(unsigned status) {
   return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
@@ -37,22 +39,27 @@ std::string seconds(double value) {
 
 }  // namespace
 
-Fetch::Fetch(Session& session, Links& links, const Options& options, const Url& url, Upload* upload, Output& output)
+Fetch::Fetch(Session& session, Client& client, const Options& options, const Url& url, Upload* upload, Output& output)
     : session_(session),
-      links_(links),
+      client_(client),
       options_(options),
       first_(url),
       url_(url),
       method_(options.method),
       upload_(upload),
-      output_(output) {}
+      output_(output),
+      login_(url.credentials.empty() ? options.credentials.value_or("") : url.credentials, client.nonces) {}
 
 Failure Fetch::run() {
   session_.beginTime(options_.maxTime);
-  for (int redirects = 0;; ++redirects) {
+  for (int redirects = 0;;) {
     if (Failure failure = ask()) return failure;
+    if (challenged_) {
+      if (Failure failure = logIn()) return failure;
+      continue;
+    }
     if (!redirected_) return settle();
-    if (redirects == kMostRedirects)
+    if (redirects++ == kMostRedirects)
       return {kRedirectError, first_.text() + ": more than " + std::to_string(kMostRedirects) + " redirects"};
     if (Failure failure = follow()) return failure;
   }
@@ -67,10 +74,11 @@ Failure Fetch::stopFailure() const {
 
 // --- asking ----------------------------------------------------------------------------------------------------------
 
-Query Fetch::query() const {
+Query Fetch::query() {
   HeaderPlan plan(options_.headers);
   plan.authority = url_.authority();
-  plan.credentials = first_.credentials.empty() ? options_.credentials.value_or("") : first_.credentials;
+  plan.authorization = login_.authorization(method_, url_.target);
+  plan.cookies = client_.cookies.cookiesFor(url_);
   plan.elsewhere = !url_.sameOrigin(first_);
   plan.bodyDropped = bodyDropped_;
   plan.form = options_.data.has_value() && !bodyDropped_;
@@ -86,12 +94,13 @@ bool Fetch::canBeRepeated() const { return isIdempotent(method_) && (upload_ == 
 Failure Fetch::ask() {
   Failure failure;
   const Place place = options_.socket.empty() ? Place{"", url_.host, url_.port} : Place{options_.socket, "", ""};
-  for (std::unique_ptr<Link> link = links_.take(place, &failure); link; link = links_.open(place, &failure)) {
+  for (std::unique_ptr<Link> link = client_.links.take(place, &failure); link;
+       link = client_.links.open(place, &failure)) {
     if (upload_ != nullptr && (failure = upload_->begin())) return failure;
     const bool kept = link->used;
     const Outcome outcome = exchange(*link, query());
     if (session_.stopped()) return stopFailure();
-    if (outcome.keep) links_.keep(std::move(link));
+    if (outcome.keep) client_.links.keep(std::move(link));
     if (!outcome.nothingCame || !kept || !canBeRepeated()) return outcome.failure;
   }
   return failure;
@@ -110,19 +119,52 @@ Failure Fetch::takeHead(HttpReply* reply, bool* bodyWanted) {
   const char* const location = http_replyHeaderValue(reply, "Location");
   status_ = http_replyStatusCode(reply);
   reason_ = reply->reason != nullptr ? reply->reason : "";
+  takeCookies(reply);
+  takeChallenges(reply);
   redirected_ = options_.follow && isRedirect(status_) && location != nullptr;
   if (redirected_) location_ = location;
-  *bodyWanted = !redirected_ && !(options_.fail && status_ >= 400);
+  *bodyWanted = !redirected_ && !challenged_ && !(options_.fail && status_ >= 400);
   return options_.includeHead || options_.headOnly ? output_.write(headText(reply)) : Failure();
 }
 
+void Fetch::takeCookies(HttpReply* reply) {
+  if (!client_.cookies.isOpen()) return;
+  for (const std::string& cookie : headerValues(reply, "Set-Cookie")) client_.cookies.take(cookie, url_);
+}
+
+void Fetch::takeChallenges(HttpReply* reply) {
+  challenged_ = status_ == 401 && mayLogIn();
+  challenges_.clear();
+  if (!challenged_) return;
+  for (const std::string& header : headerValues(reply, "WWW-Authenticate"))
+    for (Challenge& challenge : parseChallenges(header)) challenges_.push_back(std::move(challenge));
+}
+
 // --- going on --------------------------------------------------------------------------------------------------------
+
+// There is something to tell, and it is for this server.
+bool Fetch::mayLogIn() const {
+  return (options_.credentials || !first_.credentials.empty()) && url_.sameOrigin(first_) &&
+         !isGiven(options_.headers, "Authorization");
+}
+
+Failure Fetch::logIn() {
+  const std::string refusal = "401 " + escaped(reason_) + ": ";
+  const bool stale = login_.isStale(challenges_) && staleAnswers_++ < kMostStaleAnswers;
+  if (login_.isChosen() && !stale) return aboutUrl(kHttpError, refusal + "the credentials are refused");
+  const std::string obstacle = login_.choose(challenges_, method_, url_.target);
+  if (!obstacle.empty()) return aboutUrl(kHttpError, refusal + obstacle);
+  if (upload_ != nullptr && !upload_->canBeRepeated())
+    return aboutUrl(kFileError, refusal + upload_->name() + " cannot be sent a second time");
+  return {};
+}
 
 Failure Fetch::follow() {
   ParsedUrl next = resolveUrl(url_, location_);
   if (!next.url)
     return aboutUrl(kRedirectError, "cannot follow the redirect to '" + escaped(location_) + "': " + next.error);
   url_ = std::move(*next.url);
+  login_.forget();
   if (!becomesGet(status_, method_)) return {};
   method_ = "GET";
   upload_ = nullptr;

@@ -1,37 +1,51 @@
-// One URL from its first request to its last: redirects, and connections that turn out to be closed.
+// One URL from its first request to its last: logins, redirects, and connections that turn out to be closed.
 #pragma once
 
 #include <string>
+#include <vector>
 
+#include "cookie_jar.h"
 #include "exchange.h"
 #include "failure.h"
 #include "link.h"
+#include "login.h"
 #include "options.h"
 #include "output.h"
 #include "session.h"
 #include "upload.h"
 
+// What outlives one URL.
+struct Client {
+  Links links;
+  Nonces nonces;
+  CookieJar& cookies;
+};
+
 class Fetch {
  public:
   // @param upload  the body to send, null when there is none
   // @param output  open
-  Fetch(Session& session, Links& links, const Options& options, const Url& url, Upload* upload, Output& output);
+  Fetch(Session& session, Client& client, const Options& options, const Url& url, Upload* upload, Output& output);
 
   Failure run();
 
  private:
   Failure ask();
   Outcome exchange(Link& link, const Query& query);
-  Query query() const;
+  Query query();
   bool canBeRepeated() const;
   Failure takeHead(HttpReply* reply, bool* bodyWanted);
+  void takeCookies(HttpReply* reply);
+  bool mayLogIn() const;
+  void takeChallenges(HttpReply* reply);
+  Failure logIn();
   Failure follow();
   Failure settle();
   Failure aboutUrl(Status status, const std::string& what) const;
   Failure stopFailure() const;
 
   Session& session_;
-  Links& links_;
+  Client& client_;
   const Options& options_;
   const Url& first_;
   Url url_;  // where the redirects have led to
@@ -39,8 +53,12 @@ class Fetch {
   Upload* upload_;
   Output& output_;
   bool bodyDropped_ = false;
+  Login login_;
+  int staleAnswers_ = 0;
   unsigned status_ = 0;
   std::string reason_;
+  bool challenged_ = false;
+  std::vector<Challenge> challenges_;
   bool redirected_ = false;
   std::string location_;
 };

@@ -1,10 +1,6 @@
 #include "headers.h"
 
-#include <krohttp/utils.h>
-
 #include <algorithm>
-#include <cstdlib>
-#include <memory>
 
 #include "text.h"
 
@@ -12,13 +8,6 @@ namespace {
 
 // Body streams count 32 bits; a longer body goes in chunks.
 constexpr uint64_t kLongestCounted = UINT32_MAX;
-
-std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view kBlanks = " \t";
-  const size_t first = text.find_first_not_of(kBlanks);
-  return first == std::string_view::npos ? std::string_view()
-                                         : text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
-}
 
 // What says where a body ends must agree with the body.
 bool isFraming(std::string_view name) {
@@ -29,20 +18,8 @@ bool isSecret(std::string_view name) { return sameWord(name, "Authorization") ||
 
 bool isAboutBody(std::string_view name) { return name.size() > 8 && sameWord(name.substr(0, 8), "Content-"); }
 
-bool isGiven(const HeaderPlan& plan, std::string_view name) {
-  return std::any_of(plan.options.begin(), plan.options.end(),
-                     [&](const HeaderOption& option) { return sameWord(option.line.name, name); });
-}
-
 bool isLeftOut(const HeaderPlan& plan, std::string_view name) {
   return (plan.elsewhere && (isSecret(name) || sameWord(name, "Host"))) || (plan.bodyDropped && isAboutBody(name));
-}
-
-std::string basicCredentials(const std::string& credentials) {
-  char* text = nullptr;
-  if (http_base64Encode(credentials.data(), static_cast<unsigned>(credentials.size()), &text) < 0) return "";
-  const std::unique_ptr<char, decltype(&std::free)> owned(text, &std::free);
-  return std::string("Basic ") + text;
 }
 
 void addFraming(const HeaderPlan& plan, std::vector<HeaderLine>* lines) {
@@ -58,8 +35,8 @@ std::vector<HeaderLine> usualLines(const HeaderPlan& plan) {
   lines.push_back({"Host", plan.authority});
   lines.push_back({"User-Agent", "kroget/" KROGET_VERSION});
   lines.push_back({"Accept", "*/*"});
-  if (!plan.credentials.empty() && !plan.elsewhere)
-    lines.push_back({"Authorization", basicCredentials(plan.credentials)});
+  if (!plan.authorization.empty()) lines.push_back({"Authorization", plan.authorization});
+  if (!plan.cookies.empty()) lines.push_back({"Cookie", plan.cookies});
   if (plan.form) lines.push_back({"Content-Type", "application/x-www-form-urlencoded"});
   return lines;
 }
@@ -87,10 +64,15 @@ std::string parseHeaderOption(std::string_view text, HeaderOption* option) {
   return "";
 }
 
+bool isGiven(const std::vector<HeaderOption>& options, std::string_view name) {
+  return std::any_of(options.begin(), options.end(),
+                     [&](const HeaderOption& option) { return sameWord(option.line.name, name); });
+}
+
 std::vector<HeaderLine> headerLines(const HeaderPlan& plan) {
   std::vector<HeaderLine> lines;
   for (HeaderLine& line : usualLines(plan))
-    if (!isGiven(plan, line.name) || isLeftOut(plan, line.name)) lines.push_back(std::move(line));
+    if (!isGiven(plan.options, line.name) || isLeftOut(plan, line.name)) lines.push_back(std::move(line));
   for (const HeaderOption& option : plan.options)
     if (!option.remove && !isLeftOut(plan, option.line.name)) lines.push_back(option.line);
   addFraming(plan, &lines);

@@ -28,13 +28,17 @@ struct HeaderPlan {
 
   const std::vector<HeaderOption>& options;
   std::string authority;
-  std::string credentials;   // "user:password"; empty when there are none
+  std::string authorization;  // empty when there is none, like the cookies
+  std::string cookies;
   bool elsewhere = false;    // a redirect led to another host, which is told no secrets
   bool bodyDropped = false;  // a redirect made this a request without the body
   bool form = false;         // the body is a form, unless -H says otherwise
   bool hasBody = false;
   std::optional<uint64_t> length;  // of the body; without one it goes in chunks
 };
+
+// Whether -H gives this header, or leaves it out.
+bool isGiven(const std::vector<HeaderOption>& options, std::string_view name);
 
 std::vector<HeaderLine> headerLines(const HeaderPlan& plan);
 

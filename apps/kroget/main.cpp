@@ -6,9 +6,10 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "cookie_jar.h"
 #include "fetch.h"
-#include "link.h"
 #include "options.h"
+#include "password.h"
 #include "session.h"
 #include "upload.h"
 
@@ -24,18 +25,26 @@ Failure openUpload(const Options& options, Upload* upload) {
   return options.data ? upload->takeData(*options.data) : Failure();
 }
 
-Failure fetch(Session& session, Links& links, const Options& options, size_t index, Upload* upload) {
+// What can fail before anything is sent.
+Failure prepare(Options* options, Upload* upload, CookieJar* cookies) {
+  if (!options->cookieJar.empty())
+    if (Failure failure = cookies->open(options->cookieJar)) return failure;
+  if (Failure failure = openUpload(*options, upload)) return failure;
+  return options->credentials ? completeCredentials(&*options->credentials) : Failure();
+}
+
+Failure fetch(Session& session, Client& client, const Options& options, size_t index, Upload* upload) {
   Output output(options.outputs.empty() ? "-" : options.outputs[index]);
   if (Failure failure = output.open()) return failure;
-  return Fetch(session, links, options, options.urls[index], upload, output).run();
+  return Fetch(session, client, options, options.urls[index], upload, output).run();
 }
 
 // Fetches one URL after the other. Returns the status of the first one that failed.
-int fetchAll(Session& session, const Options& options, Upload* upload) {
-  Links links(session.connection());
+int fetchAll(Session& session, CookieJar& cookies, const Options& options, Upload* upload) {
+  Client client{Links(session.connection()), Nonces(), cookies};
   int status = kOk;
   for (size_t index = 0; index < options.urls.size() && session.signal() == 0; ++index) {
-    const int one = report(fetch(session, links, options, index, upload));
+    const int one = report(fetch(session, client, options, index, upload));
     if (status == kOk) status = one;
   }
   return status;
@@ -50,20 +59,23 @@ void endBy(int signal) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const ParsedOptions parsed = parseOptions(argc, argv);
+  ParsedOptions parsed = parseOptions(argc, argv);
   if (!parsed.options) return parsed.status;
   std::signal(SIGPIPE, SIG_IGN);
   kroTraceToFunction(nullptr, nullptr);  // what the library has to say is said here, in one line
-  const Options& options = *parsed.options;
   Upload upload;
-  if (const Failure failure = openUpload(options, &upload)) return report(failure);
+  CookieJar cookies;
+  if (const Failure failure = prepare(&*parsed.options, &upload, &cookies)) return report(failure);
+  const Options& options = *parsed.options;
   int status = kOk;
   int signal = 0;
   bool leavesWork = false;
   {
     Session session;
     if (const Failure failure = session.failure()) return report(failure);
-    status = fetchAll(session, options, options.file || options.data ? &upload : nullptr);
+    status = fetchAll(session, cookies, options, options.file || options.data ? &upload : nullptr);
+    const int saved = cookies.isOpen() ? report(cookies.save()) : kOk;
+    if (status == kOk) status = saved;
     signal = session.signal();
     leavesWork = session.leavesWork();
   }

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "failure.h"
+#include "password.h"
 #include "text.h"
 
 namespace {
@@ -36,7 +37,11 @@ void declareRequest(CLI::App& app, Options* options, Given* given) {
   app.add_option("-d,--data", options->data, "POST this text, or the content of a file; @- is standard input")
       ->type_name("TEXT|@FILE");
   app.add_option("-T,--upload-file", options->file, "PUT this file; - is standard input")->type_name("FILE");
-  app.add_option("-u,--user", options->credentials, "Send these credentials (Basic)")->type_name("USER:PASSWORD");
+  app.add_option("-u,--user", options->credentials,
+                 "Log in when the server asks for it, by Digest or else Basic; without a password it is asked for")
+      ->type_name("USER[:PASSWORD]");
+  app.add_option("-c,--cookie-jar", options->cookieJar, "Take the cookies of this file, and keep them there")
+      ->type_name("FILE");
   app.add_flag("-I,--head", options->headOnly, "HEAD: ask for the head alone, and print it");
 }
 
@@ -82,7 +87,8 @@ void declare(CLI::App& app, Options* options, Given* given) {
 void checkValues(const Options& options) {
   if (!options.method.empty() && (!isToken(options.method) || options.method == "CONNECT"))
     refuse("-X: '" + escaped(options.method) + "' is no method that can be used");
-  if (options.credentials && options.credentials->find(':') == std::string::npos) refuse("-u: give USER:PASSWORD");
+  if (options.credentials && options.credentials->empty()) refuse("-u: give USER or USER:PASSWORD");
+  if (options.credentials && hasControls(*options.credentials)) refuse("-u: there is a control character in it");
   if (options.maxTime && !(*options.maxTime > 0 && *options.maxTime <= kLongestTime))
     refuse("--max-time: give more than 0 seconds, and at most 4000000");
   if (options.socket.size() > kLongestSocketPath) refuse("--unix: the path is too long for a socket");
@@ -99,6 +105,7 @@ void checkTogether(const Options& options, const CLI::App& app) {
   if (!options.outputs.empty() && options.outputs.size() != options.urls.size())
     refuse("-o: give one for each URL, or none");
   if (options.file == "-" && options.urls.size() > 1) refuse("-T -: standard input can be sent to one URL only");
+  if (app.count("-c") > 0 && options.cookieJar.empty()) refuse("-c: give a file");
   if (app.count("--unix") > 0 && options.socket.empty()) refuse("--unix: give a path");
 }
 
@@ -127,7 +134,10 @@ Options parse(CLI::App& app, int argc, char** argv) {
   Given given;
   declare(app, &options, &given);
   app.parse(argc, argv);
-  for (const std::string& url : urlsOf(app, given)) options.urls.push_back(takeUrl(url));
+  const std::vector<std::string> urls = urlsOf(app, given);
+  if (options.credentials) hideCredentials(argc, argv, *options.credentials);
+  for (const std::string& url : urls) hideUrlCredentials(argc, argv, url);
+  for (const std::string& url : urls) options.urls.push_back(takeUrl(url));
   for (const std::string& header : given.headers) options.headers.push_back(takeHeader(header));
   checkValues(options);
   checkTogether(options, app);

@@ -16,6 +16,7 @@ struct Options {
   std::optional<std::string> data;
   std::optional<std::string> file;         // what -T sends; "-" is standard input
   std::optional<std::string> credentials;  // "user:password"
+  std::string cookieJar;                   // empty: cookies are not kept
   std::optional<double> maxTime;           // seconds
   std::string socket;                      // empty: TCP
   bool headOnly = false;                   // -I

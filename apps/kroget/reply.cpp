@@ -2,6 +2,8 @@
 
 #include <krohttp/body.h>
 
+#include <algorithm>
+
 #include "text.h"
 
 namespace {
@@ -57,13 +59,18 @@ std::string refusalOf(HttpReply* reply, bool bodyless, std::optional<uint64_t>* 
 
 bool keepsConnection(HttpReply* reply) {
   if (http_replyVersion(reply)[1] == 0 || http_replyBodyType(reply) == HTTP_BODY_UNTIL_CLOSE) return false;
-  const char* name = nullptr;
+  const std::vector<std::string> values = headerValues(reply, "Connection");
+  return std::none_of(values.begin(), values.end(), [](const std::string& value) { return listHas(value, "close"); });
+}
+
+std::vector<std::string> headerValues(HttpReply* reply, std::string_view name) {
+  std::vector<std::string> values;
+  const char* one = nullptr;
   const char* value = nullptr;
-  bool closes = false;
   http_replyHeadersReset(reply);
-  while (http_replyHeadersNext(reply, &name, &value) == 0)
-    closes |= sameWord(name, "Connection") && listHas(value, "close");
-  return !closes;
+  while (http_replyHeadersNext(reply, &one, &value) == 0)
+    if (sameWord(one, name)) values.emplace_back(value);
+  return values;
 }
 
 std::string statusLine(HttpReply* reply) {

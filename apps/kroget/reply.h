@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 // Why the reply cannot be taken; nothing when it can.
 // @param bodyless  it answers HEAD
@@ -15,6 +16,9 @@ std::string refusalOf(HttpReply* reply, bool bodyless, std::optional<uint64_t>* 
 
 // Whether the other side keeps the connection open behind this reply (RFC 9112 section 9.3).
 bool keepsConnection(HttpReply* reply);
+
+// The values of all headers of this name, in their order.
+std::vector<std::string> headerValues(HttpReply* reply, std::string_view name);
 
 // The head as text, for people and for -i.
 std::string statusLine(HttpReply* reply);

@@ -31,6 +31,13 @@ std::string lowerCase(std::string_view text) {
   return result;
 }
 
+std::string_view trimmed(std::string_view text) {
+  constexpr std::string_view kBlanks = " \t";
+  const size_t first = text.find_first_not_of(kBlanks);
+  return first == std::string_view::npos ? std::string_view()
+                                         : text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+}
+
 bool isToken(std::string_view text) {
   constexpr std::string_view kMarks = "!#$%&'*+-.^_`|~";
   const auto allowed = [kMarks](char c) {
@@ -50,11 +57,9 @@ bool hasControls(std::string_view text) {
 bool listHas(std::string_view list, std::string_view word) {
   while (!list.empty()) {
     const size_t comma = std::min(list.find(','), list.size());
-    std::string_view item = list.substr(0, comma);
+    const std::string_view item = list.substr(0, comma);
     list.remove_prefix(std::min(comma + 1, list.size()));
-    while (!item.empty() && (item.front() == ' ' || item.front() == '\t')) item.remove_prefix(1);
-    while (!item.empty() && (item.back() == ' ' || item.back() == '\t')) item.remove_suffix(1);
-    if (sameWord(item, word)) return true;
+    if (sameWord(trimmed(item), word)) return true;
   }
   return false;
 }

@@ -13,6 +13,9 @@ bool sameWord(std::string_view one, std::string_view other);
 
 std::string lowerCase(std::string_view text);
 
+// Without the blanks and tabs around it.
+std::string_view trimmed(std::string_view text);
+
 // RFC 9110 section 5.6.2.
 bool isToken(std::string_view text);
 

@@ -77,8 +77,7 @@ Failure Upload::begin() {
     length_ = text_.size();
     return {};
   }
-  if (begun_ && !seekable_) return failure("it cannot be read a second time");
-  begun_ = true;
+  if (!canBeRepeated()) return failure("it cannot be read a second time");
   if (!regular_) return {};
   struct stat status;
   if (lseek(source_.get(), 0, SEEK_SET) < 0 || fstat(source_.get(), &status) < 0) return failureOfErrno();
@@ -98,6 +97,7 @@ ssize_t Upload::read(char* buffer, size_t size) {
     return -1;
   }
   const ssize_t count = ::read(source_.get(), buffer, size);
+  if (count >= 0) consumed_ = true;
   if (count < 0 && errno == EINTR) errno = EAGAIN;
   return count;
 }

@@ -18,9 +18,9 @@ class Upload {
   // input.
   Failure takeData(const std::string& argument);
 
-  // Goes (back) to the beginning; once for each request.
+  // Goes (back) to the beginning; once for each request. What cannot go back is still at it until something was read.
   Failure begin();
-  bool canBeRepeated() const { return seekable_ || source_.get() < 0; }
+  bool canBeRepeated() const { return seekable_ || source_.get() < 0 || !consumed_; }
   // Its length as of begin(); nothing when only the end tells.
   std::optional<uint64_t> length() const { return length_; }
 
@@ -39,7 +39,7 @@ class Upload {
   Descriptor source_;  // none for a text
   bool regular_ = false;
   bool seekable_ = false;
-  bool begun_ = false;
+  bool consumed_ = false;  // something was read
   std::string text_;
   size_t textAt_ = 0;
   std::optional<uint64_t> length_;

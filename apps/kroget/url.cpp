@@ -136,6 +136,7 @@ std::string takeAuthority(std::string_view authority, bool hadScheme, Url* url) 
   if (const size_t at = authority.rfind('@'); at != std::string_view::npos) {
     if (at > 0) url->credentials = decoded(authority.substr(0, at));
     if (at > 0 && url->credentials.find(':') == std::string::npos) url->credentials += ':';
+    if (hasControls(url->credentials)) return "there is a control character in its credentials";
     authority.remove_prefix(at + 1);
   }
   std::string error = takeHost(&authority, url);

@@ -1,12 +1,10 @@
 #include "add_user.h"
 
-#include <fcntl.h>
 #include <krohttp/krohttp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,7 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "password_prompt.h"
+#include "common/password_prompt.h"
+#include "common/replacement.h"
 #include "users.h"
 
 namespace {
@@ -32,13 +31,13 @@ void wipe(std::string* text) { explicit_bzero(text->data(), text->size()); }
 // Nothing, with the reason, when it cannot be had.
 std::optional<std::string> newPassword(std::string* reason) {
   const bool terminal = isatty(STDIN_FILENO) == 1;
-  std::optional<std::string> password = terminal ? askPassword("Password: ") : readLine();
+  std::optional<std::string> password = terminal ? askPassword("Password: ", STDIN_FILENO) : readLine();
   if (!password || password->empty()) {
     *reason = "no password was given";
     return std::nullopt;
   }
   if (!terminal) return password;
-  std::optional<std::string> again = askPassword("The same again: ");
+  std::optional<std::string> again = askPassword("The same again: ", STDIN_FILENO);
   const bool same = again == password;
   if (again) wipe(&*again);
   if (same) return password;
@@ -60,67 +59,9 @@ std::optional<std::string> hashOf(const NewUser& user, const std::string& passwo
 
 // --- the file --------------------------------------------------------------------------------------------------------
 
-// A file that takes the place of another when it is complete, and is gone otherwise.
-class Replacement {
- public:
-  explicit Replacement(const std::string& path) : path_(path), name_(path + ".XXXXXX") {
-    descriptor_ = mkostemp(name_.data(), O_CLOEXEC);  // mode 0600
-  }
-  ~Replacement() {
-    const int error = errno;
-    if (descriptor_ >= 0) close(descriptor_);
-    if (descriptor_ >= 0 && !done_) unlink(name_.c_str());
-    errno = error;
-  }
-  Replacement(const Replacement&) = delete;
-  Replacement& operator=(const Replacement&) = delete;
-
-  // Returns false with errno.
-  bool write(const std::string& text) {
-    if (descriptor_ < 0) return false;
-    keepOwner();
-    for (size_t at = 0; at < text.size();) {
-      const ssize_t count = ::write(descriptor_, text.data() + at, text.size() - at);
-      if (count < 0 && errno != EINTR) return false;
-      if (count > 0) at += static_cast<size_t>(count);
-    }
-    if (fchmod(descriptor_, S_IRUSR | S_IWUSR) != 0 || fsync(descriptor_) != 0) return false;
-    done_ = rename(name_.c_str(), path_.c_str()) == 0;
-    if (done_) syncDirectory();
-    return done_;
-  }
-
- private:
-  // A file written by root is still to be read by the daemon's user.
-  void keepOwner() const {
-    struct stat status {};
-    if (stat(path_.c_str(), &status) == 0 && fchown(descriptor_, status.st_uid, status.st_gid) != 0) errno = 0;
-  }
-  // The new name is on the disk only with its directory.
-  void syncDirectory() const {
-    const size_t slash = path_.rfind('/');
-    const std::string directory = slash == std::string::npos ? "." : path_.substr(0, slash + 1);
-    const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (descriptor < 0) return;
-    fsync(descriptor);
-    close(descriptor);
-  }
-
-  std::string path_;
-  std::string name_;
-  int descriptor_ = -1;
-  bool done_ = false;
-};
-
 bool exists(const std::string& path) {
   struct stat status {};
   return lstat(path.c_str(), &status) == 0 || errno != ENOENT;
-}
-
-// The file that a link leads to is the one to replace.
-std::string resolved(const std::string& path) {
-  char real[PATH_MAX];
-  return realpath(path.c_str(), real) != nullptr ? real : path;
 }
 
 // The lines as they stand, with that of the user replaced or added.
@@ -150,7 +91,7 @@ int addUser(const NewUser& user) {
   if (user.name.starts_with('#')) return failed("--add-user: the user name begins a comment");
   if (const auto refusal = refusalOfName(user.realm)) return failed("--add-user: the realm " + *refusal);
   // What is wrong with the file is told before anybody types.
-  const std::string path = resolved(user.file);
+  const std::string path = fileBehind(user.file);
   std::vector<UserFileLine> lines;
   std::string reason;
   if (exists(path) && !readUserFile(path, &lines, &reason)) return failed(reason);

@@ -58,6 +58,7 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   void signal(int number) const { kill(pid_, number); }
+  pid_t pid() const { return pid_; }
   bool ended() {
     read();
     int status = 0;
@@ -134,7 +135,10 @@ inline std::vector<std::string> daemonCommand(std::vector<std::string> arguments
 class Daemon {
  public:
   explicit Daemon(const std::vector<std::string>& arguments, size_t listeners = 1)
-      : process_(daemonCommand(arguments)) {
+      : Daemon(AsItIs{}, daemonCommand(arguments), listeners) {}
+  // A command that becomes krohttpd.
+  struct AsItIs {};
+  Daemon(AsItIs, const std::vector<std::string>& command, size_t listeners = 1) : process_(command) {
     EXPECT_TRUE(waitUntil([&] { return linesOf(process_.output()).size() >= listeners || process_.ended(); }));
     EXPECT_FALSE(process_.ended()) << process_.errors();
     for (const std::string& line : linesOf(process_.output())) {

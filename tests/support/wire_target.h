@@ -338,11 +338,12 @@ class WireTarget {
   struct Options {
     int receiveBuffer = 0;  // bytes, 0 for the system's default: a small one makes the other side wait
     int sendBuffer = 0;
+    size_t readAtMost = SIZE_MAX;  // of each new connection, see WireTargetConnection::readAtMost()
   };
 
   // address: numeric, port 0 for one of the system's choice; or the path of a Unix socket.
   explicit WireTarget(const WireAddress& address = WireAddress::tcp(0)) : WireTarget(address, Options{}) {}
-  WireTarget(const WireAddress& address, Options options) : address_(address) {
+  WireTarget(const WireAddress& address, Options options) : address_(address), readAtMost_(options.readAtMost) {
     all().push_back(this);
     listen(options);
   }
@@ -458,10 +459,12 @@ class WireTarget {
         next_.pop_front();
       }
       connections_.push_back(std::make_unique<WireTargetConnection>(std::move(socket), std::move(script)));
+      connections_.back()->readAtMost(readAtMost_);
     }
   }
 
   WireAddress address_;
+  size_t readAtMost_;
   Descriptor listener_;
   bool accepting_ = true;
   std::deque<WireScript> next_;

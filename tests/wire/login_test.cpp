@@ -269,10 +269,11 @@ TEST_F(LoginTest, FileWithAllThatIsAllowed) {
   std::transform(upper.begin(), upper.end(), upper.begin(), toupper);
   folder_.file("users", "# users\n\n \t\ncarol:" + std::string(kRealm) + ":" + upper + "\n" +
                             userLine("carol", "other", "Elsewhere") + userLine("d. a-v_e@x", "d") +
-                            "no:newline:" + kHash);
+                            userLine(std::string(200, 'u'), "u") + "no:newline:" + kHash);
   start({"--protect", "/hello=basic", "--protect", "/status=digest"});
   EXPECT_EQ(ask(request("GET", "/hello", basic("carol", "c"))).status(), 200u);
   EXPECT_EQ(ask(request("GET", "/hello", basic("d. a-v_e@x", "d"))).status(), 200u);
+  EXPECT_EQ(ask(request("GET", "/hello", basic(std::string(200, 'u'), "u"))).status(), 200u);
   EXPECT_EQ(ask(request("GET", "/status", digest("carol", "c", HTTP_METHOD_GET, "/status"))).status(), 200u);
   EXPECT_EQ(ask(request("GET", "/hello")).header("WWW-Authenticate"), "Basic realm=\"Device\"");
 }
@@ -328,6 +329,17 @@ TEST_F(LoginTest, PasswordIsHashedWholeOrNotAtAll) {
   start({"--protect", "/=basic"});
   EXPECT_EQ(ask(request("GET", "/hello", basic("bob", longest))).status(), 200u);
   EXPECT_EQ(ask(request("GET", "/hello", basic("bob", longest + "x"))).status(), 401u);
+}
+
+TEST_F(LoginTest, EveryDigitOfTheHashCounts) {
+  const std::string right = ha1("bob", "b");
+  for (size_t at = 0; at < right.size(); ++at) {
+    std::string hash = right;
+    hash[at] = hash[at] == '0' ? '1' : '0';
+    folder_.file("users", "bob:" + std::string(kRealm) + ":" + hash + "\n");
+    start({"--protect", "/=basic"});
+    EXPECT_EQ(ask(request("GET", "/hello", basic("bob", "b"))).status(), 401u) << at;
+  }
 }
 
 // --- Digest ----------------------------------------------------------------------------------------------------------
@@ -516,8 +528,9 @@ TEST_F(PathTest, OpenForUsers) {
 
 TEST_F(LoginTest, LongestPrefixWins) {
   folder_.file("root/private/shown/deep/a.txt", "deep");
-  start({"--protect", "/private=digest", "--protect", "/private/shown=basic", "--protect",
-         "/private/shown/deep=session"});
+  // Wherever it stands.
+  start({"--protect", "/private/shown=basic", "--protect", "/private/shown/deep=session", "--protect",
+         "/private=digest"});
   EXPECT_EQ(ask(request("GET", "/private/a.txt")).header("WWW-Authenticate").substr(0, 7), "Digest ");
   EXPECT_EQ(ask(request("GET", "/private/shown/")).header("WWW-Authenticate").substr(0, 6), "Basic ");
   EXPECT_EQ(ask(request("GET", "/private/shown/deep/a.txt")).header("WWW-Authenticate").substr(0, 7), "Cookie ");
@@ -956,6 +969,35 @@ TEST_F(AttemptTest, AnswersWaitButOthersDoNot) {
   EXPECT_EQ(takeReplies(client->received())[0].status(), 303u);
 }
 
+// A failure and a request behind it come while the daemon is held, so that it meets both at once. In which order it has
+// answered them stands in its log: what waits, however short, is answered later.
+TEST_F(AttemptTest, ThreeAreAnsweredAtOnce) {
+  for (int i = 0; i < 4; ++i) {
+    WireClient failing(daemon_->address());
+    WireClient other(daemon_->address());
+    for (WireClient* client : {&failing, &other}) {
+      client->send(request("GET", "/"));
+      ASSERT_TRUE(waitUntil([&] { return replied(*client); }));
+      client->take();
+    }
+    daemon_->process().signal(SIGSTOP);
+    siginfo_t held = {};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(daemon_->process().pid()), &held, WSTOPPED), 0);
+    failing.send(login(form("alice", "wrong")));
+    other.send(request("GET", "/private/a.txt"));
+    EXPECT_TRUE(waitUntil([&] { return failing.allSent() && other.allSent(); }));
+    daemon_->process().signal(SIGCONT);
+    ASSERT_TRUE(waitUntil([&] { return replied(failing) && replied(other); }));
+  }
+  finish();
+  std::string order;
+  for (const std::string& line : linesOf(readFile(folder_.at("log")))) {
+    if (line.find("\"POST /login") != std::string::npos) order += "failure ";
+    if (line.find("\"GET /private") != std::string::npos) order += "other ";
+  }
+  EXPECT_EQ(order, "failure other failure other failure other other failure ");
+}
+
 TEST_F(AttemptTest, AllSchemesCountTogether) {
   const std::string wires[] = {login(form("alice", "wrong")), request("GET", "/hello", basic("alice", "wrong")),
                                request("GET", "/status", digest("alice", "wrong", HTTP_METHOD_GET, "/status"))};
@@ -1057,7 +1099,7 @@ TEST_F(AttemptTest, StoppingWaitsForNobody) {
   ASSERT_TRUE(waitUntil([&] { return daemon_->process().ended(); }));
   EXPECT_EQ(daemon_->process().outcome(), "exit 0");
   for (const WireClient* client : {page.get(), basicClient.get(), body.get(), unfinished.get()})
-    EXPECT_EQ(takeReplies(client->received(), true)[0].status(), 401u);
+    EXPECT_EQ(takeReplies(client->received(), true).at(0).status(), 401u);
 }
 
 TEST_F(AttemptTest, SecondSignalEndsWhatWaits) {

@@ -6,11 +6,12 @@
 . "$(dirname "${BASH_SOURCE[0]}")/peers.sh"
 need curl
 need lighttpd
+need openssl
 
 run_lighttpd() {
   rm -f "$folder/lighttpd.socket"
   cat >"$folder/lighttpd.conf" <<CONF
-server.modules = ("mod_redirect", "mod_deflate", "mod_cgi")
+server.modules = ("mod_redirect", "mod_deflate", "mod_auth", "mod_authn_file", "mod_cgi")
 server.bind = "127.0.0.1"
 server.port = $1
 server.document-root = "$folder/root"
@@ -21,9 +22,17 @@ deflate.mimetypes = ("text/plain")
 deflate.allowed-encodings = ("gzip")
 # What a program writes comes in chunks, as soon as there is some of it.
 server.stream-response-body = 1
-cgi.assign = ("/chunked" => "/bin/sh", "/nothing" => "/bin/sh")
+cgi.assign = (".cgi" => "/bin/sh", "/chunked" => "/bin/sh", "/nothing" => "/bin/sh")
 url.redirect = ("^/(?:tcp|ipc)/moved$" => "one")
 url.redirect-code = 302
+auth.backend = "htpasswd"
+auth.backend.htpasswd.userfile = "$folder/users"
+auth.require = ("/tcp/locked" => ("method" => "basic", "realm" => "Locked", "require" => "valid-user"))
+\$HTTP["url"] =~ "^/tcp/digest" {
+  auth.backend = "htdigest"
+  auth.backend.htdigest.userfile = "$folder/digests"
+  auth.require = ("/tcp/digest" => ("method" => "digest", "realm" => "Test Device", "require" => "valid-user"))
+}
 \$SERVER["socket"] == "$folder/lighttpd.socket" {}
 CONF
   launch lighttpd lighttpd -D -f "$folder/lighttpd.conf"
@@ -33,8 +42,14 @@ make_root
 files=$folder/root/files
 printf 'printf "Content-Type: text/plain\\r\\n\\r\\n"; sleep 0.1; cat numbers.txt\n' >"$files/chunked"
 printf 'printf "Status: 204 No Content\\r\\n\\r\\n"\n' >"$files/nothing"
+make_locked
 start_peer lighttpd
 check_kroget "$folder/lighttpd.socket"
+check_login locked
+check_login digest
+# The body goes with the answer, too.
+expect "kroget: a form behind Digest" "$("$KROGET" --fail -u "alice:$password" -d 'a=b' "$peer/tcp/digest/form.cgi?x=%20y&z")" \
+  'POST x=%20y&z a=b'
 
 start_proxy "${peer##*:}" "$folder/lighttpd.socket"
 for route in /tcp /ipc; do check_route "$route"; done

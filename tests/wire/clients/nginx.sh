@@ -6,6 +6,7 @@
 . "$(dirname "${BASH_SOURCE[0]}")/peers.sh"
 need curl
 need nginx
+need openssl
 
 run_nginx() {
   rm -f "$folder/nginx.socket"
@@ -45,11 +46,33 @@ http {
     location ~ /moved\$ {
       return 302 one;
     }
+    location ~ /cookies/set\$ {
+      add_header Set-Cookie "a=1; path=/tcp/cookies";
+      add_header Set-Cookie "kro/sessid=x+/y=; path=/; HttpOnly; SameSite=Lax";
+      add_header Set-Cookie "long=3; max-age=1000000";
+      add_header Set-Cookie "dated=4; expires=Wed, 09 Jun 2088 10:18:14 GMT";
+      add_header Set-Cookie "empty=";
+      return 200 set;
+    }
+    location ~ /cookies/clear\$ {
+      add_header Set-Cookie "a=; path=/tcp/cookies; max-age=0";
+      return 200 cleared;
+    }
+    location ~ /cookies/show\$ {
+      return 200 "[\$http_cookie]";
+    }
     # The filter could change the length.
     location ~ /chunked\$ {
       alias $folder/root/files/numbers.txt;
       sub_filter_types *;
       sub_filter nowhere somewhere;
+    }
+    # The realm is sent as it stands here, with its quotes.
+    location ~ /locked/ {
+      auth_basic "Locked, \"really\"";
+      auth_basic_user_file $folder/users;
+      dav_methods PUT DELETE;
+      create_full_put_path on;
     }
     location ~ /put/ {
       dav_methods PUT DELETE;
@@ -63,8 +86,14 @@ CONF
 
 make_root
 files=$folder/root/files
+make_locked
 start_peer nginx
 check_kroget "$folder/nginx.socket"
+check_login locked
+"$KROGET" -u "alice:$password" --fail -T "$files/mebibyte" "$peer/tcp/locked/upload" || fail "kroget: upload with Basic"
+same "$files/mebibyte" "$files/locked/upload" "kroget: upload with Basic"
+rm "$files/locked/upload"
+check_cookies
 
 start_proxy "${peer##*:}" "$folder/nginx.socket"
 for route in /tcp /ipc; do

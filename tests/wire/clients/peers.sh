@@ -174,6 +174,70 @@ check_kroget() {
   same "$files/one" "$folder/3" "kroget: the last of three files"
 }
 
+# make_locked: the same files behind passwords, with the users for Basic and for Digest.
+make_locked() {
+  local name
+  for name in locked digest; do
+    mkdir "$folder/root/files/$name"
+    cp "$folder/root/files/mebibyte" "$folder/root/files/one" "$folder/root/files/$name/"
+  done
+  # shellcheck disable=SC2016 # for the shell that it is served by
+  echo 'printf "Content-Type: text/plain\r\n\r\n%s %s %s" "$REQUEST_METHOD" "$QUERY_STRING" "$(cat)"' \
+    >"$folder/root/files/digest/form.cgi"
+  password='pä:ss wörd+%&"'
+  printf 'alice:%s\n' "$(openssl passwd -apr1 "$password")" >"$folder/users"
+  printf '%s\n' "$password" | "$KROHTTPD" --add-user "$folder/digests" alice 'Test Device'
+}
+
+# check_login FOLDER: kroget and a folder that make_locked has made.
+check_login() {
+  local files=$folder/root/files/$1 from=$peer/tcp/$1 status
+  "$KROGET" -v --fail -u "alice:$password" -o "$folder/back" "$from/mebibyte?a=b&c=%20d" 2>"$folder/said" ||
+    fail "kroget: login to $1: $(cat "$folder/said")"
+  same "$files/mebibyte" "$folder/back" "kroget: login to $1"
+  expect "kroget: connections for a login to $1" "$(grep -c '^\* connecting to ' "$folder/said")" 1
+  "$KROGET" --fail -u "alice:$password" "$from/one" "$from/one" "$from/one" >"$folder/back" || fail "kroget: three logins"
+  expect "kroget: three logins to $1" "$(cat "$folder/back")" xxx
+  for user in alice:x "bob:$password"; do
+    status=0
+    "$KROGET" -u "$user" "$from/one" >"$folder/back" 2>"$folder/said" || status=$?
+    expect "kroget: status for a wrong login to $1" "$status" 8
+    expect "kroget: what it says of a wrong login to $1" "$(cat "$folder/said")" \
+      "kroget: $from/one: 401 Unauthorized: the credentials are refused"
+    expect "kroget: its output for a wrong login to $1" "$(cat "$folder/back")" ""
+  done
+}
+
+# --- cookies ----------------------------------------------------------------------------------------------------------
+
+# check_cookies: curl and kroget take over each other's jars. The target sets cookies at /cookies/set, takes one back at
+# /cookies/clear and tells those it gets at /cookies/show.
+check_cookies() {
+  local from=$peer/tcp/cookies one other jar sent name
+  for one in kroget curl; do
+    jar=$folder/jar-$one
+    rm -f "$jar"
+    "with_$one" "$jar" "$from/set" >/dev/null
+    other=curl
+    [ "$one" = kroget ] || other=kroget
+    # Not all order cookies of the same path in the same way.
+    sent='a=1 dated=4 empty= kro/sessid=x+/y= long=3'
+    for name in "$one" "$other" "$one"; do
+      expect "cookies of $one for $name" "$(shown "$name" "$jar" "$from/show")" "$sent"
+      expect "cookies of $one for $name elsewhere" "$(shown "$name" "$jar" "$peer/tcp/other/cookies/show")" 'kro/sessid=x+/y='
+    done
+    "with_$other" "$jar" "$from/clear" >/dev/null
+    expect "cookies of $one without that which $other has dropped" "$(shown "$one" "$jar" "$from/show")" "${sent#* }"
+    grep -v '^# ' "$jar" | sort >"$folder/$one.cookies"
+    # The default path has its last slash in curl's jar.
+    sed -i 's/^\(.*\t\)[0-9]*\tlong/\1TIME\tlong/; s|/cookies/\t|/cookies\t|' "$folder/$one.cookies"
+  done
+  diff "$folder/kroget.cookies" "$folder/curl.cookies" || fail "the jars of kroget and curl differ"
+}
+with_kroget() { "$KROGET" --fail -c "$1" "$2" || fail "kroget ended with $? for $2"; }
+with_curl() { "${fetch[@]}" --fail -b "$1" -c "$1" "$2"; }
+shown() { "with_$1" "$2" "$3" | tr -d '[]' | sed 's/; /\n/g' | sort | paste -s -d ' '; }
+
 # --- memory -----------------------------------------------------------------------------------------------------------
 
 # peak NAME: the most memory it ever had, in KiB.

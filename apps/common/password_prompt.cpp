@@ -1,4 +1,4 @@
-#include "password_prompt.h"
+#include "common/password_prompt.h"
 
 #include <poll.h>
 #include <termios.h>
@@ -48,52 +48,53 @@ class CaughtSignals {
 
 class EchoOff {
  public:
-  EchoOff() {
-    if (tcgetattr(STDIN_FILENO, &before_) != 0) return;
+  explicit EchoOff(int terminal) : terminal_(terminal) {
+    if (tcgetattr(terminal_, &before_) != 0) return;
     termios silent = before_;
     silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     silent.c_lflag |= ECHONL;
     // What was typed ahead has been shown: it is no password.
-    changed_ = tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent) == 0;
+    changed_ = tcsetattr(terminal_, TCSAFLUSH, &silent) == 0;
   }
   ~EchoOff() {
     // In the background this stops the process, which goes on here in the foreground.
-    while (changed_ && tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_) != 0 && errno == EINTR && caught != SIGTTOU) {
+    while (changed_ && tcsetattr(terminal_, TCSAFLUSH, &before_) != 0 && errno == EINTR && caught != SIGTTOU) {
     }
   }
   EchoOff(const EchoOff&) = delete;
   EchoOff& operator=(const EchoOff&) = delete;
 
  private:
+  int terminal_;
   termios before_{};
   bool changed_ = false;
 };
 
 // Byte by byte: what follows the line stays for who reads next. @p mask is in force while nothing is there.
-std::optional<std::string> readBytes(const sigset_t* mask) {
+std::optional<std::string> readBytes(int from, const sigset_t* mask) {
   std::string line;
   line.reserve(kLongestLine);
   char c = '\0';
   ssize_t count = 0;
-  pollfd input{STDIN_FILENO, POLLIN, 0};
-  while (ppoll(&input, 1, nullptr, mask) == 1 && (count = read(STDIN_FILENO, &c, 1)) == 1 && c != '\n')
+  pollfd input{from, POLLIN, 0};
+  while (ppoll(&input, 1, nullptr, mask) == 1 && (count = read(from, &c, 1)) == 1 && c != '\n')
     if (line.size() < kLongestLine) line += c;
   if (caught != 0 || count < 0 || (count == 0 && line.empty())) return std::nullopt;
   return line;
 }
 
-std::optional<std::string> askOnce(const char* prompt) {
+std::optional<std::string> askOnce(const char* prompt, int terminal) {
   const CaughtSignals signals;
-  const EchoOff echo;
+  const EchoOff echo(terminal);
   std::fputs(prompt, stderr);
-  return readBytes(&signals.outside());
+  return readBytes(terminal, &signals.outside());
 }
 
 }  // namespace
 
-std::optional<std::string> askPassword(const char* prompt) {
+std::optional<std::string> askPassword(const char* prompt, int terminal) {
   for (;;) {
-    std::optional<std::string> line = askOnce(prompt);
+    std::optional<std::string> line = askOnce(prompt, terminal);
     const int number = caught;
     caught = 0;
     if (number == 0) return line;
@@ -104,5 +105,5 @@ std::optional<std::string> askPassword(const char* prompt) {
 
 std::optional<std::string> readLine() {
   caught = 0;
-  return readBytes(nullptr);
+  return readBytes(STDIN_FILENO, nullptr);
 }
