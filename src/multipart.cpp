@@ -441,8 +441,8 @@ struct Standing {
 
 Standing standingOf(const HttpMultipart* multipart) {
   const FILE* const part = multipart->part.message.body;
-  return {multipart->state, multipart->toRead, multipart->haveRead, readMark(*multipart->message), part,
-          heldBytes(part)};
+  return {multipart->state, multipart->toRead,         multipart->haveRead, readMark(*multipart->message), part,
+          heldBytes(part),  multipart->endOffered != 0};
 }
 
 bool isPaused(const HttpMultipart* multipart) { return multipart->message->paused != HTTP_MSG_RUNNING; }
