@@ -1,6 +1,7 @@
 #include <krohttp/body.h>
 #include <krohttp/message.h>
 
+#include <stdio_ext.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -993,7 +994,10 @@ void http_msgCleanup(HttpMessage* message) {
   Watch<HttpMessage>::tellGone(message);
   if (message->peer != nullptr && message->ownerType == HTTP_MSG_OWNED_BY_CLIENT) cl_messageGone(message);
   std::free(message->buffer);
-  if (message->body != nullptr && message->state == HTTP_MSG_BODY) std::fclose(message->body);
+  if (message->body != nullptr && message->state == HTTP_MSG_BODY)
+    std::fclose(message->body);
+  else if (message->body != nullptr)
+    __fpurge(message->body);  // or stdio would give back what it holds, at exit, by way of the message
   message->body = nullptr;
   message->peer = nullptr;
 }

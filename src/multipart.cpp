@@ -495,8 +495,8 @@ int readOn(HttpMultipart* multipart, const Alive& alive) {
 
 namespace {
 
-// The delimiter that the Content-Type names, null when it names none (traced).
-CString delimiterOf(HttpMessage* message, HttpHeader* contentType) {
+// The boundary that the Content-Type names, null when it names none (traced).
+const char* boundaryOf(HttpMessage* message, HttpHeader* contentType) {
   contentType->code = HTTP_HEADER_CONTENT_TYPE;
   if (http_msgHeader(message, contentType) < 0) {
     TRACE_ERROR("message is not a multipart message (could not find Content-Type header)");
@@ -509,17 +509,37 @@ CString delimiterOf(HttpMessage* message, HttpHeader* contentType) {
     return nullptr;
   }
   const char* const boundary = http_hdrGetParameter(type.parameters, "boundary");
-  if (boundary == nullptr) {
-    TRACE_ERROR("unable to find multipart message boundary");
-    return nullptr;
-  }
-  char* delimiter = nullptr;
-  if (asprintf(&delimiter, "\r\n--%s", boundary) < 0) {
+  if (boundary == nullptr) TRACE_ERROR("unable to find multipart message boundary");
+  return boundary;
+}
+
+int open(HttpMultipart* multipart, const char* boundary) {
+  char* text = nullptr;
+  if (asprintf(&text, "\r\n--%s", boundary) < 0) {
     TRACE_ERROR("unable to find multipart message boundary: %m");
-    return nullptr;
+    return -1;
   }
+  CString delimiter(text);
   TRACE_INFO("using boundary [%s]", boundary);
-  return CString(delimiter);
+  const size_t length = std::strlen(text);
+  CString scratch(static_cast<char*>(std::calloc(1, length)));
+  if (!scratch) {
+    TRACE_ERROR("unable to allocate space for multipart buffer: %m");
+    return -1;
+  }
+  multipart->message->inParts = 1;
+  multipart->input = http_msgBody(multipart->message);
+  if (multipart->input == nullptr) {
+    TRACE_ERROR("unable to get message stream");
+    return -1;
+  }
+  multipart->delimiter = delimiter.release();
+  multipart->delimiterLength = static_cast<unsigned>(length);
+  multipart->toRead = multipart->delimiterLength - kLineEnd;
+  multipart->scratch = scratch.release();
+  http_requestInitialize(&multipart->part);
+  multipart->part.message.headLimit = kLargestPartHead;
+  return 0;
 }
 
 // What lives until the reader is initialized, and no longer.
@@ -544,34 +564,19 @@ extern "C" {
 
 int http_msgMultipartInitialize(HttpMultipart* multipart, HttpMessage* message, HttpPartHandler partHandler,
                                 HttpPartBodyHandler bodyHandler) {
+  return http_msgMultipartInitializeWithBoundary(multipart, message, nullptr, partHandler, bodyHandler);
+}
+
+int http_msgMultipartInitializeWithBoundary(HttpMultipart* multipart, HttpMessage* message, const char* boundary,
+                                            HttpPartHandler partHandler, HttpPartBodyHandler bodyHandler) {
   TRACE_INFO("initializing multipart message");
   *multipart = HttpMultipart{};
   multipart->message = message;
   multipart->partHandler = partHandler;
   multipart->bodyHandler = bodyHandler;
-
   ContentType contentType;
-  CString delimiter = delimiterOf(message, contentType.header());
-  if (!delimiter) return -1;
-  const size_t length = std::strlen(delimiter.get());
-  CString scratch(static_cast<char*>(std::calloc(1, length)));
-  if (!scratch) {
-    TRACE_ERROR("unable to allocate space for multipart buffer: %m");
-    return -1;
-  }
-  message->inParts = 1;
-  multipart->input = http_msgBody(message);
-  if (multipart->input == nullptr) {
-    TRACE_ERROR("unable to get message stream");
-    return -1;
-  }
-  multipart->delimiter = delimiter.release();
-  multipart->delimiterLength = static_cast<unsigned>(length);
-  multipart->toRead = multipart->delimiterLength - kLineEnd;
-  multipart->scratch = scratch.release();
-  http_requestInitialize(&multipart->part);
-  multipart->part.message.headLimit = kLargestPartHead;
-  return 0;
+  if (boundary == nullptr) boundary = boundaryOf(message, contentType.header());
+  return boundary != nullptr ? open(multipart, boundary) : -1;
 }
 
 void http_msgMultipartCleanup(HttpMultipart* multipart) {

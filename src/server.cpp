@@ -414,6 +414,10 @@ int readStep(Connection* connection, ZelPeer* peer) {
     case HTTP_MSG_DONE:
       // All of the body had been read when its handler paused, but not all of it had been taken.
       if (heldOfBody(connection->request.message) > 0) return srv_handleReadBody(connection, peer);
+      if (connection->state == HTTP_SERVER_RECEIVING_REQUEST) {
+        closeOpenBody(&connection->request.message);
+        switchTo(connection, HTTP_SERVER_REQUEST_RECEIVED);
+      }
       return srv_handleReadDone(connection, peer);
     default:
       TRACE_ERROR("unknown state");

@@ -87,6 +87,14 @@ typedef struct HttpMultipart {
  */
 KROHTTP_API int http_msgMultipartInitialize(HttpMultipart *multipart, HttpMessage *message, HttpPartHandler partHandler,
                                             HttpPartBodyHandler bodyHandler);
+/**
+ * As http_msgMultipartInitialize(), with a boundary that the application knows better: the quotes of a quoted one are
+ * part of it otherwise.
+ * @param boundary  copied; NULL: as the Content-Type says
+ */
+KROHTTP_API int http_msgMultipartInitializeWithBoundary(HttpMultipart *multipart, HttpMessage *message,
+                                                        const char *boundary, HttpPartHandler partHandler,
+                                                        HttpPartBodyHandler bodyHandler);
 /** Releases what the reader owns, at any time, from inside its handlers too. Does not touch the message. */
 KROHTTP_API void http_msgMultipartCleanup(HttpMultipart *multipart);
 /** @return the message given to http_msgMultipartInitialize() */
