@@ -18,6 +18,7 @@
 
 #include "access_log.h"
 #include "routes.h"
+#include "upload.h"
 #include "users.h"
 
 namespace {
@@ -132,6 +133,10 @@ int daemonRun(const Options& options) {
   Users users;
   std::string error;
   if (!options.authFile.empty() && !users.load(options.authFile, &error)) {
+    std::fprintf(stderr, "krohttpd: %s\n", error.c_str());
+    return kFailed;
+  }
+  if (!uploadSetUp(options, &error)) {
     std::fprintf(stderr, "krohttpd: %s\n", error.c_str());
     return kFailed;
   }

@@ -98,6 +98,36 @@ void addProtection(Options* options, const std::string& text) {
   options->protections.push_back(added);
 }
 
+// "PREFIX=DIR".
+Upload parseUpload(const std::string& text) {
+  const size_t equals = text.find('=');
+  const std::string prefix = text.substr(0, equals);
+  if (!text.starts_with('/') || equals == std::string::npos || equals + 1 == text.size() || leadsUpwards(prefix))
+    refuse("--upload: '" + text + "' is not PREFIX=DIR");
+  Upload upload{normalizedPath(prefix), text.substr(equals + 1)};
+  if (upload.prefix.size() > 1 && upload.prefix.ends_with('/')) upload.prefix.pop_back();
+  return upload;
+}
+
+void addUpload(Options* options, const std::string& text) {
+  const Upload added = parseUpload(text);
+  for (const Upload& upload : options->uploads)
+    if (upload.prefix == added.prefix) refuse("--upload: '" + added.prefix + "' is there twice");
+  options->uploads.push_back(added);
+}
+
+// "N", or "NK", "NM" or "NG" for so many KiB, MiB or GiB.
+uint64_t parseSize(const std::string& text) {
+  constexpr std::string_view kUnits = "KMG";
+  constexpr size_t kMostDigits = 9;  // with a unit that still fits
+  const size_t unit = text.empty() ? std::string_view::npos : kUnits.find(text.back());
+  const std::string digits = unit == std::string_view::npos ? text : text.substr(0, text.size() - 1);
+  const size_t most = unit == std::string_view::npos ? 2 * kMostDigits : kMostDigits;
+  if (digits.empty() || digits.size() > most || digits.find_first_not_of("0123456789") != std::string::npos)
+    refuse("--max-upload: '" + text + "' is no number of bytes");
+  return std::stoull(digits) << (unit == std::string_view::npos ? 0 : 10 * (unit + 1));
+}
+
 // The root as the file sender compares it: resolved, and with a slash, so that its siblings stay out.
 std::string resolveRoot(const std::string& directory) {
   char resolved[PATH_MAX];
@@ -131,6 +161,20 @@ void addLoginOptions(CLI::App& app, Options* options, std::vector<std::string>* 
       ->expected(3);
 }
 
+void addUploadOptions(CLI::App& app, std::vector<std::string>* uploads, std::string* maxUpload) {
+  app.add_option("--upload", *uploads,
+                 "Store the files of forms (multipart/form-data) that are posted to PREFIX in DIR, and show a page to "
+                 "send them from there; repeatable")
+      ->type_name("PREFIX=DIR")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  app.add_option("--max-upload", *maxUpload,
+                 "Refuse forms whose files have more bytes than this together; K, M or G behind the number multiply "
+                 "it; 0 for no limit")
+      ->type_name("BYTES")
+      ->default_str("0");
+}
+
 // Adding a user is all that is done then.
 NewUser parseNewUser(const CLI::App& app, const std::vector<std::string>& values) {
   for (const CLI::Option* option : app.get_options())
@@ -146,6 +190,8 @@ Options parse(CLI::App& app, int argc, char** argv) {
   std::vector<std::string> listen;
   std::vector<std::string> traces;
   std::vector<std::string> proxies;
+  std::vector<std::string> uploads;
+  std::string maxUpload = "0";
   std::string root;
   app.add_option("--listen", listen, "Where to listen: HOST:PORT, [IPv6]:PORT or unix:PATH; repeatable")
       ->type_name("ADDRESS")
@@ -173,6 +219,7 @@ Options parse(CLI::App& app, int argc, char** argv) {
       ->type_name("ZONE[=LEVEL]")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  addUploadOptions(app, &uploads, &maxUpload);
   addLoginOptions(app, &options, &protections, &newUser);
   app.set_version_flag("--version", "krohttpd " KROHTTPD_VERSION);
   app.parse(argc, argv);
@@ -185,10 +232,12 @@ Options parse(CLI::App& app, int argc, char** argv) {
   for (const std::string& address : listen) options.listen.push_back(parseListen(address));
   for (const std::string& trace : traces) options.traces.push_back(parseTrace(trace));
   for (const std::string& proxy : proxies) options.proxies.push_back(parseProxy(proxy));
+  for (const std::string& upload : uploads) addUpload(&options, upload);
+  options.maxUpload = parseSize(maxUpload);
   for (const std::string& protection : protections) addProtection(&options, protection);
   if (!protections.empty() && options.authFile.empty()) refuse("--protect: who may log in? give --auth-file FILE");
-  if (root.empty() && !options.demo && proxies.empty())
-    refuse("nothing to serve: give --root DIR, --demo or --proxy PREFIX=TARGET");
+  if (root.empty() && !options.demo && proxies.empty() && uploads.empty())
+    refuse("nothing to serve: give --root DIR, --demo, --proxy PREFIX=TARGET or --upload PREFIX=DIR");
   if (!root.empty()) options.root = resolveRoot(root);
   return options;
 }

@@ -1,6 +1,7 @@
 // The command line of krohttpd.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,6 +32,12 @@ struct Protection {
   AuthScheme scheme = AuthScheme::kBasic;
 };
 
+// Files of forms that are posted to prefix are stored in directory.
+struct Upload {
+  std::string prefix;  // as that of a protection
+  std::string directory;
+};
+
 // Whom to add to which file, instead of serving.
 struct NewUser {
   std::string file;
@@ -48,6 +55,8 @@ struct Options {
   std::vector<TraceZone> traces;
   std::string authFile;  // empty: none
   std::vector<Protection> protections;
+  std::vector<Upload> uploads;
+  uint64_t maxUpload = 0;          // bytes of the files of one form; 0: no limit
   unsigned sessionTimeout = 1800;  // seconds without activity; 0: no limit
   std::optional<NewUser> newUser;
 };

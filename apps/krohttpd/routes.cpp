@@ -16,6 +16,7 @@
 #include "protection.h"
 #include "refusal.h"
 #include "replies.h"
+#include "upload.h"
 #include "waiting.h"
 
 namespace {
@@ -100,6 +101,8 @@ int forbidStoring(HttpRequest* request, HttpReply* reply) {
 }
 
 int serve(HttpRequest* request, HttpReply* reply) {
+  if (const Upload* const upload = uploadAt(http_requestPath(request)); upload != nullptr)
+    return uploadBegin(request, reply, *upload);
   const char* const allow = wantsEcho(request) ? kEchoMethods : kReadMethods;
   if (const ProxyTarget* const target = forwardTarget(http_requestPath(request)); target != nullptr)
     return forwardBegin(request, reply, *target);
@@ -139,6 +142,7 @@ int dropBody(FILE* body) {
 int onBody(HttpRequest* request, HttpReply* reply, FILE* body) {
   if (isForwarding(request)) return forwardBody(request);
   if (isLoggingIn(request)) return loginBody(request, reply, body);
+  if (isUploading(request)) return uploadBody(request, reply);
   return isEchoing(request) ? echoBody(request, reply, body) : dropBody(body);
 }
 
@@ -146,6 +150,7 @@ void endExchange(HttpRequest* request) {
   echoEnd(request);
   forwardEnd(request);
   loginEnd(request);
+  uploadEnd(request);
   identityEnd(request);
 }
 
@@ -196,6 +201,7 @@ void routesStop() { waitingStop(); }
 
 void routesTearDown() {
   waitingTearDown();
+  uploadTearDown();
   forwardTearDown();
   loginTearDown();
 }
