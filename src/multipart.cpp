@@ -276,9 +276,11 @@ bool isCutShort(const HttpMultipart* multipart) {
   if (!isInBody(multipart)) return false;
   if (!isReadable(multipart)) return true;
   const HttpMessage& message = *multipart->message;
-  const bool mayGoOn = heldOfBody(message) > 0 || heldBytes(multipart->part.message.body) > 0;
+  const bool isRead = message.state >= HTTP_MSG_DONE;
+  const bool mayGoOn =
+      heldBytes(message.body) > 0 || heldBytes(multipart->part.message.body) > 0 || (!isRead && message.bodyAhead > 0);
   const bool inputFailed = ferror_unlocked(message.body) && !message.needMoreData;
-  return !mayGoOn && (message.state >= HTTP_MSG_DONE || feof_unlocked(message.body) || inputFailed);
+  return !mayGoOn && (isRead || feof_unlocked(message.body) || inputFailed);
 }
 
 int msgMultipart_handleBody(HttpMultipart* multipart) {
@@ -483,9 +485,8 @@ int readOn(HttpMultipart* multipart, const Alive& alive) {
     break;
   }
   if (multipart->state == HTTP_MULTIPART_DONE && !isPaused(multipart)) dropEpilogue(multipart);
-  // What the part's stream still holds keeps the message from being complete.
-  if (message->state >= HTTP_MSG_DONE)
-    message->bodyAhead = static_cast<uint32_t>(heldBytes(multipart->part.message.body));
+  // As long as there is something to do the message does not count as complete.
+  if (message->state >= HTTP_MSG_DONE) message->bodyAhead = multipart->state <= HTTP_MULTIPART_END ? 1 : 0;
   return multipart->state == HTTP_MULTIPART_FAILED ? -1 : 0;
 }
 

@@ -45,6 +45,7 @@ struct Connection : HttpServerConnection {
   bool corked;               // the socket takes TCP_CORK
   bool uncorked;             // until the next request everything leaves at once
   bool lagging;              // the reader could not take all of this reply at once
+  bool standsStill;          // the body's handler has read nothing
   bool replyDoneTold;        // replyDoneHandler has been called for this reply
   uint64_t staticRemaining;  // bytes still to send of a regular file, as announced: it may grow or shrink meanwhile
   ZelTimer* later;           // runs goOnLater(), null until it is needed
@@ -349,6 +350,7 @@ int srv_handleReadBody(Connection* connection, ZelPeer* peer) {
   if (watch.gone()) return kHandled;
 
   if (http_requestNeedMoreData(request) && request->message.body != nullptr) clearerr_unlocked(request->message.body);
+  connection->standsStill = readMark(request->message) == before;
   if (request->message.paused != HTTP_MSG_RUNNING) {
     TRACE_INFO("request is paused, stop processing it");
     return kHandled;
@@ -357,7 +359,7 @@ int srv_handleReadBody(Connection* connection, ZelPeer* peer) {
   if (result < 0 || request->message.state == HTTP_MSG_DONE) {
     closeOpenBody(&request->message);
     switchTo(connection, HTTP_SERVER_REQUEST_RECEIVED);
-  } else if (!http_requestNeedMoreData(request) && readMark(request->message) == before) {
+  } else if (!http_requestNeedMoreData(request) && connection->standsStill) {
     return bodyStandsStill(connection, peer);
   }
   return result < 0 ? kDrop : kGoOn;
@@ -449,7 +451,7 @@ bool srv_handleRead(ZelPeer* peer) {
   // A temporized request has sat this pass out; the next event goes on with it.
   if (!watch.gone() && connection->request.message.paused == HTTP_MSG_TEMPORIZED) {
     connection->request.message.paused = HTTP_MSG_RUNNING;
-    if (hasBodyAtHand(connection)) startLater(connection, kPauseMilliseconds);
+    if (hasBodyAtHand(connection)) startLater(connection, connection->standsStill ? kPauseMilliseconds : 0);
   }
   return handled;
 }

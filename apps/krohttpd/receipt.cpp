@@ -1,10 +1,12 @@
 #include "receipt.h"
 
 #include <fcntl.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <string_view>
 
 #include "disposition.h"
 #include "upload_name.h"
@@ -18,8 +20,6 @@ constexpr unsigned kMostParts = 1000;
 constexpr uint64_t kMostFieldBytes = 64 * 1024;
 // What a turn of the loop may read for one client while there are others.
 constexpr size_t kMostAtOnce = 256 * 1024;
-// Body streams read ahead; nobody would be told of what they hold. Nothing like as much.
-constexpr uint64_t kSurelyOnItsWay = 512 * 1024;
 
 unsigned statusOf(int error) {
   switch (error) {
@@ -36,6 +36,29 @@ unsigned statusOf(int error) {
   }
 }
 
+std::string withoutQuotes(std::string_view value) {
+  if (value.size() < 2 || value.front() != '"' || value.back() != '"') return std::string(value);
+  std::string text;
+  value = value.substr(1, value.size() - 2);
+  for (size_t i = 0; i < value.size(); ++i) {
+    if (value[i] == '\\' && i + 1 < value.size()) ++i;
+    text += value[i];
+  }
+  return text;
+}
+
+// The boundary, out of its quotes (RFC 9110 section 5.6.6); empty when there is none.
+std::string boundaryOf(HttpRequest* request) {
+  HttpHeader type{};
+  type.code = HTTP_HEADER_CONTENT_TYPE;
+  std::string boundary;
+  if (http_requestHeader(request, &type) == 0)
+    for (const HttpHeaderParameter* one = type.contentType.parameters; one != nullptr; one = one->next)
+      if (one->value != nullptr && strcasecmp(one->name, "boundary") == 0) boundary = withoutQuotes(one->value);
+  http_hdrCleanup(&type);
+  return boundary;
+}
+
 }  // namespace
 
 Receipt::Receipt(HttpRequest* request, uint64_t limit, uint64_t announced)
@@ -48,21 +71,26 @@ Receipt::~Receipt() {
 unsigned Receipt::open(const std::string& directory) {
   directory_ = OwnedDescriptor(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (directory_.get() < 0) return statusOf(errno);
-  if (http_msgMultipartInitialize(&reader_, &request_->message, onPart, onPartBody) < 0) return 400;
+  const std::string boundary = boundaryOf(request_);
+  if (http_msgMultipartInitializeWithBoundary(&reader_, &request_->message,
+                                              boundary.empty() ? nullptr : boundary.c_str(), onPart, onPartBody) < 0)
+    return 400;
   reader_.receipt = this;
   return 0;
 }
 
 unsigned Receipt::read() {
   turnBytes_ = 0;
-  if (http_msgMultipartHandleRead(&reader_) < 0) return refusal_ != 0 ? refusal_ : 400;
+  const bool failed = http_msgMultipartHandleRead(&reader_) < 0 && !isComplete();
+  if (failed) return refusal_ != 0 ? refusal_ : 400;
   const bool ended = http_requestState(request_) >= HTTP_MSG_DONE;
   return ended && request_->message.paused == HTTP_MSG_RUNNING && !isComplete() ? 400 : 0;
 }
 
+// A form that ends right behind its last delimiter is as good as one with a line end there.
 bool Receipt::isComplete() const {
-  return reader_.state == HTTP_MULTIPART_DONE && http_requestState(request_) == HTTP_MSG_DONE &&
-         !request_->message.bodyCut;
+  return reader_.complete && refusal_ == 0 && reader_.state != HTTP_MULTIPART_END &&
+         http_requestState(request_) == HTTP_MSG_DONE && !request_->message.bodyCut;
 }
 
 unsigned Receipt::store() {
@@ -107,7 +135,8 @@ int Receipt::onPartBody(HttpRequest* part, FILE* body) {
     if (receipt->refusal_ != 0) return -1;
     receipt->giveWay();
   } while (count == block.size() && receipt->request_->message.paused == HTTP_MSG_RUNNING);
-  if (http_requestState(part) != HTTP_MSG_DONE) return 0;
+  // The stream reads ahead: before a short read its part may be complete, and not all of it here.
+  if (count == block.size() || http_requestState(part) != HTTP_MSG_DONE) return 0;
   receipt->refusal_ = receipt->endPart();
   return receipt->refusal_ == 0 ? 0 : -1;
 }
@@ -147,11 +176,8 @@ unsigned Receipt::endPart() {
   return status;
 }
 
-// Lets others have their turn, unless the next event could be that of a body which has been read ahead to its end.
 void Receipt::giveWay() {
-  if (turnBytes_ < kMostAtOnce || http_requestState(request_) >= HTTP_MSG_DONE) return;
-  const bool counted = announced_ != 0;
-  if (counted && announced_ - fileBytes_ - fieldBytes_ < kSurelyOnItsWay) return;
+  if (turnBytes_ < kMostAtOnce) return;
   turnBytes_ = 0;
   http_serverTemporizeRequest(request_);
 }

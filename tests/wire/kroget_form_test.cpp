@@ -294,6 +294,7 @@ const ChunkedCase kChunked[] = {
      "(cat {D}/note.txt; sleep 0.1; cat {D}/note.txt) | \"$@\"",
      {"-F", "f=@-"},
      file("-", kUnknown, "texttext")},
+    {"LatePipe", "(sleep 0.1; cat {D}/note.txt) | \"$@\"", {"-F", "f=@-"}, file("-", kUnknown, "text")},
     {"EmptyPipe", "true | \"$@\"", {"-F", "f=@-"}, file("-", kUnknown, "")},
     {"StandardInput", "\"$@\" < {D}/note.txt", {"-F", "f=@-"}, file("-", kUnknown, "text")},
     {"NamedAndTyped",
