@@ -596,8 +596,8 @@ FILE* body_fopen(HttpMessage* message, FILE* parent, const char* mode) {
     }
     case HTTP_BODY_MULTIPART:
       TRACE_NOTICE("opening multipart body with content length %" PRIu64, kind.length);
-      // Whoever only passes it on needs no way back into it, nor the wait that comes with it.
-      if (message->relayed) return openOfLength<NormalBody>(message, parent, kind.length, mode, kNormal);
+      // Whoever only passes it on, or takes it apart, needs no way back into it, nor the wait that comes with it.
+      if (message->relayed || message->inParts) return openOfLength<NormalBody>(message, parent, kind.length, mode, kNormal);
       return openOfLength<BufferedBody>(message, parent, kind.length, mode, kBuffered);
   }
   return nullptr;

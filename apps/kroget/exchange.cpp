@@ -99,7 +99,7 @@ bool Exchange::begin() {
       !addHeaders(request_.get(), query_.headers) || !http_clientRequest(&link_, request_.get(), reply_.get()) ||
       !writeHead())
     return false;
-  return query_.upload != nullptr && query_.upload->length() != 0 ? beginBody() : http_requestDone(request_.get()) == 0;
+  return query_.body != nullptr && query_.body->length() != 0 ? beginBody() : http_requestDone(request_.get()) == 0;
 }
 
 // The library would decode the path and encode less of it again, and knows few methods: the request line is written
@@ -114,7 +114,7 @@ bool Exchange::writeHead() {
 bool Exchange::beginBody() {
   uploadBody_ = http_requestBody(request_.get());
   if (uploadBody_ == nullptr) return false;
-  progress_.begin(query_.upload->length());
+  progress_.begin(query_.body->length());
   pumpUpload();
   return true;
 }
@@ -126,24 +126,24 @@ void Exchange::pumpUpload() {
   if (finished_ || uploadBody_ == nullptr) return;
   bool more = true;
   while (more && uploadBody_ != nullptr && peer_bytesQueued(link_.peer) < kMostQueued) more = sendPiece();
-  if (!more && uploadBody_ != nullptr && !finished_) zel_timer_start(uploadTimer_.get(), 1);
+  if (more || finished_ || uploadBody_ == nullptr) return;
+  // What comes slowly does not wait for more, and the loop gets its turn in between.
+  std::fflush(uploadBody_);
+  zel_timer_start(uploadTimer_.get(), 0);
 }
 
-// @return false when nothing can be read now
+// @return false when the next piece may not be there yet
 bool Exchange::sendPiece() {
-  const std::optional<uint64_t> length = query_.upload->length();
-  size_t size = block_.size();
-  if (length && *length - sent_ < size) size = static_cast<size_t>(*length - sent_);
-  const ssize_t count = query_.upload->read(block_.data(), size);
-  if (count < 0 && errno == EAGAIN) return false;
-  if (count < 0) return finish(query_.upload->failure(std::strerror(errno))), false;
-  if (count == 0 && length) return finish(query_.upload->failure("it became shorter while it was sent")), false;
+  Failure failure;
+  const ssize_t count = query_.body->read(block_.data(), block_.size(), &failure);
+  if (failure) finish(std::move(failure));
+  if (count < 0) return false;
   sent_ += static_cast<uint64_t>(count);
   if (!headCame_) progress_.add(static_cast<uint64_t>(count));
   // A failure ends the connection, which is told then.
   if (count > 0) std::fwrite(block_.data(), 1, static_cast<size_t>(count), uploadBody_);
-  if (count == 0 || sent_ == length) endUpload();
-  return true;
+  if (count == 0 || sent_ == query_.body->length()) endUpload();
+  return static_cast<size_t>(count) == block_.size();
 }
 
 void Exchange::endUpload() {

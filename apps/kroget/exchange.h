@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "body.h"
 #include "failure.h"
 #include "handles.h"
 #include "headers.h"
@@ -16,7 +17,6 @@
 #include "output.h"
 #include "progress.h"
 #include "session.h"
-#include "upload.h"
 
 // What is asked.
 struct Query {
@@ -24,7 +24,7 @@ struct Query {
   std::string method;
   std::string target;
   std::vector<HeaderLine> headers;
-  Upload* upload = nullptr;  // the body, begun; none when null
+  Body* body = nullptr;  // begun; none when null
   bool verbose = false;
 };
 

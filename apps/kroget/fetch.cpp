@@ -39,14 +39,14 @@ std::string seconds(double value) {
 
 }  // namespace
 
-Fetch::Fetch(Session& session, Client& client, const Options& options, const Url& url, Upload* upload, Output& output)
+Fetch::Fetch(Session& session, Client& client, const Options& options, const Url& url, Body* body, Output& output)
     : session_(session),
       client_(client),
       options_(options),
       first_(url),
       url_(url),
       method_(options.method),
-      upload_(upload),
+      body_(body),
       output_(output),
       login_(url.credentials.empty() ? options.credentials.value_or("") : url.credentials, client.nonces) {}
 
@@ -81,13 +81,15 @@ Query Fetch::query() {
   plan.cookies = client_.cookies.cookiesFor(url_);
   plan.elsewhere = !url_.sameOrigin(first_);
   plan.bodyDropped = bodyDropped_;
-  plan.form = options_.data.has_value() && !bodyDropped_;
-  plan.hasBody = upload_ != nullptr || announcesNoBody(method_);
-  plan.length = upload_ != nullptr ? upload_->length() : 0;
-  return {url_.text(), method_, url_.target, headerLines(plan), upload_, options_.verbose};
+  plan.contentType = body_ != nullptr ? body_->contentType() : "";
+  plan.hasBody = body_ != nullptr || announcesNoBody(method_);
+  plan.length = body_ != nullptr ? body_->length() : 0;
+  return {url_.text(), method_, url_.target, headerLines(plan), body_, options_.verbose};
 }
 
-bool Fetch::canBeRepeated() const { return isIdempotent(method_) && (upload_ == nullptr || upload_->canBeRepeated()); }
+bool Fetch::canBeRepeated() const {
+  return isIdempotent(method_) && (body_ == nullptr || body_->unrepeatable().empty());
+}
 
 // A connection that was kept may have been closed meanwhile, which shows only when it is used: a new one takes its
 // place then.
@@ -96,7 +98,7 @@ Failure Fetch::ask() {
   const Place place = options_.socket.empty() ? Place{"", url_.host, url_.port} : Place{options_.socket, "", ""};
   for (std::unique_ptr<Link> link = client_.links.take(place, &failure); link;
        link = client_.links.open(place, &failure)) {
-    if (upload_ != nullptr && (failure = upload_->begin())) return failure;
+    if (body_ != nullptr && (failure = body_->begin())) return failure;
     const bool kept = link->used;
     const Outcome outcome = exchange(*link, query());
     if (session_.stopped()) return stopFailure();
@@ -154,8 +156,8 @@ Failure Fetch::logIn() {
   if (login_.isChosen() && !stale) return aboutUrl(kHttpError, refusal + "the credentials are refused");
   const std::string obstacle = login_.choose(challenges_, method_, url_.target);
   if (!obstacle.empty()) return aboutUrl(kHttpError, refusal + obstacle);
-  if (upload_ != nullptr && !upload_->canBeRepeated())
-    return aboutUrl(kFileError, refusal + upload_->name() + " cannot be sent a second time");
+  const std::string unrepeatable = body_ != nullptr ? body_->unrepeatable() : "";
+  if (!unrepeatable.empty()) return aboutUrl(kFileError, refusal + unrepeatable + " cannot be sent a second time");
   return {};
 }
 
@@ -167,7 +169,7 @@ Failure Fetch::follow() {
   login_.forget();
   if (!becomesGet(status_, method_)) return {};
   method_ = "GET";
-  upload_ = nullptr;
+  body_ = nullptr;
   bodyDropped_ = true;
   return {};
 }

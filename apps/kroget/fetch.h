@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "body.h"
 #include "cookie_jar.h"
 #include "exchange.h"
 #include "failure.h"
@@ -12,7 +13,6 @@
 #include "options.h"
 #include "output.h"
 #include "session.h"
-#include "upload.h"
 
 // What outlives one URL.
 struct Client {
@@ -23,9 +23,9 @@ struct Client {
 
 class Fetch {
  public:
-  // @param upload  the body to send, null when there is none
+  // @param body    what to send, null when there is nothing
   // @param output  open
-  Fetch(Session& session, Client& client, const Options& options, const Url& url, Upload* upload, Output& output);
+  Fetch(Session& session, Client& client, const Options& options, const Url& url, Body* body, Output& output);
 
   Failure run();
 
@@ -50,7 +50,7 @@ class Fetch {
   const Url& first_;
   Url url_;  // where the redirects have led to
   std::string method_;
-  Upload* upload_;
+  Body* body_;
   Output& output_;
   bool bodyDropped_ = false;
   Login login_;

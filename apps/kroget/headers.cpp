@@ -37,7 +37,7 @@ std::vector<HeaderLine> usualLines(const HeaderPlan& plan) {
   lines.push_back({"Accept", "*/*"});
   if (!plan.authorization.empty()) lines.push_back({"Authorization", plan.authorization});
   if (!plan.cookies.empty()) lines.push_back({"Cookie", plan.cookies});
-  if (plan.form) lines.push_back({"Content-Type", "application/x-www-form-urlencoded"});
+  if (!plan.contentType.empty()) lines.push_back({"Content-Type", plan.contentType});
   return lines;
 }
 

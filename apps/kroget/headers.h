@@ -30,9 +30,9 @@ struct HeaderPlan {
   std::string authority;
   std::string authorization;  // empty when there is none, like the cookies
   std::string cookies;
+  std::string contentType;   // of the body, unless -H says otherwise
   bool elsewhere = false;    // a redirect led to another host, which is told no secrets
   bool bodyDropped = false;  // a redirect made this a request without the body
-  bool form = false;         // the body is a form, unless -H says otherwise
   bool hasBody = false;
   std::optional<uint64_t> length;  // of the body; without one it goes in chunks
 };

@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -14,6 +15,8 @@ namespace {
 struct Given {
   std::string firstUrl;
   std::vector<std::string> headers;
+  std::vector<std::string> form;
+  std::vector<std::string> formStrings;
 };
 
 constexpr double kLongestTime = 4'000'000;  // seconds: timers count milliseconds in 32 bits
@@ -36,6 +39,12 @@ void declareRequest(CLI::App& app, Options* options, Given* given) {
       ->type_name("'NAME: VALUE'");
   app.add_option("-d,--data", options->data, "POST this text, or the content of a file; @- is standard input")
       ->type_name("TEXT|@FILE");
+  addList(
+      app, "-F,--form", given->form,
+      "POST a form with this field, or this file; @- is standard input. NAME=<FILE: a field of its content; repeatable")
+      ->type_name("NAME=VALUE|NAME=@FILE[;type=TYPE][;filename=NAME]");
+  addList(app, "--form-string", given->formStrings, "Like -F, but any VALUE is sent as it is; repeatable")
+      ->type_name("NAME=VALUE");
   app.add_option("-T,--upload-file", options->file, "PUT this file; - is standard input")->type_name("FILE");
   app.add_option("-u,--user", options->credentials,
                  "Log in when the server asks for it, by Digest or else Basic; without a password it is asked for")
@@ -109,11 +118,26 @@ void checkTogether(const Options& options, const CLI::App& app) {
   if (app.count("--unix") > 0 && options.socket.empty()) refuse("--unix: give a path");
 }
 
+// A form tells what it is, and is read as it is sent.
+void checkForm(const Options& options) {
+  if (options.form.empty()) return;
+  if (options.data) refuse("-F and -d exclude each other");
+  if (options.file) refuse("-F and -T exclude each other");
+  if (options.headOnly) refuse("-I sends no form: leave -F out");
+  if (options.method == "GET" || options.method == "HEAD")
+    refuse(options.method + " sends no form: leave -F or -X out");
+  if (isGiven(options.headers, "Content-Type")) refuse("-H 'Content-Type': a form has one of its own");
+  const auto inputs = std::count_if(options.form.begin(), options.form.end(),
+                                    [](const FormPart& part) { return part.isStandardInput(); });
+  if (inputs > 1) refuse("-F: standard input can be sent only once");
+  if (inputs > 0 && options.urls.size() > 1) refuse("-F: standard input can be sent to one URL only");
+}
+
 std::string methodFor(const Options& options) {
   if (!options.method.empty()) return options.method;
   if (options.headOnly) return "HEAD";
   if (options.file) return "PUT";
-  return options.data ? "POST" : "GET";
+  return options.data || !options.form.empty() ? "POST" : "GET";
 }
 
 Url takeUrl(const std::string& text) {
@@ -129,6 +153,25 @@ HeaderOption takeHeader(const std::string& text) {
   return header;
 }
 
+FormPart takeFormPart(const std::string& option, const std::string& text) {
+  FormPart part;
+  const std::string error = option == "-F" ? parseFormPart(text, &part) : parseFormString(text, &part);
+  if (!error.empty()) refuse(option + " '" + escaped(text) + "': " + error);
+  return part;
+}
+
+// Their order is that of the command line, whichever option gave them.
+std::vector<FormPart> takeForm(CLI::App& app, const Given& given) {
+  std::vector<FormPart> form;
+  auto part = given.form.begin();
+  auto formString = given.formStrings.begin();
+  for (const CLI::Option* option : app.parse_order()) {
+    if (option == app.get_option("--form")) form.push_back(takeFormPart("-F", *part++));
+    if (option == app.get_option("--form-string")) form.push_back(takeFormPart("--form-string", *formString++));
+  }
+  return form;
+}
+
 Options parse(CLI::App& app, int argc, char** argv) {
   Options options;
   Given given;
@@ -139,7 +182,9 @@ Options parse(CLI::App& app, int argc, char** argv) {
   for (const std::string& url : urls) hideUrlCredentials(argc, argv, url);
   for (const std::string& url : urls) options.urls.push_back(takeUrl(url));
   for (const std::string& header : given.headers) options.headers.push_back(takeHeader(header));
+  options.form = takeForm(app, given);
   checkValues(options);
+  checkForm(options);
   checkTogether(options, app);
   options.method = methodFor(options);
   return options;

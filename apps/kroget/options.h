@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "form_part.h"
 #include "headers.h"
 #include "url.h"
 
@@ -14,6 +15,7 @@ struct Options {
   std::string method;
   std::vector<HeaderOption> headers;
   std::optional<std::string> data;
+  std::vector<FormPart> form;              // empty: there is none
   std::optional<std::string> file;         // what -T sends; "-" is standard input
   std::optional<std::string> credentials;  // "user:password"
   std::string cookieJar;                   // empty: cookies are not kept

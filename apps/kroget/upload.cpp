@@ -42,11 +42,11 @@ Failure Upload::openFile(const std::string& path) {
   if (fstat(source_.get(), &status) < 0) return failureOfErrno();
   if (S_ISDIR(status.st_mode)) return failure(std::strerror(EISDIR));
   regular_ = S_ISREG(status.st_mode) && path != "-";
-  seekable_ = regular_;
   return {};
 }
 
 Failure Upload::takeData(const std::string& argument) {
+  type_ = "application/x-www-form-urlencoded";
   if (!argument.starts_with('@')) {
     text_ = argument;
     return {};
@@ -70,14 +70,16 @@ Failure Upload::readAll(int fd) {
   return {};
 }
 
+std::string Upload::unrepeatable() const { return source_.get() < 0 || regular_ || !consumed_ ? "" : name_; }
+
 Failure Upload::begin() {
-  textAt_ = 0;
+  at_ = 0;
   length_.reset();
   if (source_.get() < 0) {
     length_ = text_.size();
     return {};
   }
-  if (!canBeRepeated()) return failure("it cannot be read a second time");
+  if (!unrepeatable().empty()) return failure("it cannot be read a second time");
   if (!regular_) return {};
   struct stat status;
   if (lseek(source_.get(), 0, SEEK_SET) < 0 || fstat(source_.get(), &status) < 0) return failureOfErrno();
@@ -85,19 +87,25 @@ Failure Upload::begin() {
   return {};
 }
 
-ssize_t Upload::read(char* buffer, size_t size) {
-  if (source_.get() < 0) {
-    const size_t count = text_.copy(buffer, size, textAt_);
-    textAt_ += count;
-    return static_cast<ssize_t>(count);
-  }
+ssize_t Upload::read(char* buffer, size_t size, Failure* failure) {
+  if (length_ && *length_ - at_ < size) size = static_cast<size_t>(*length_ - at_);
+  if (size == 0) return 0;
+  const ssize_t count = source_.get() < 0 ? readText(buffer, size) : readSource(buffer, size, failure);
+  if (count > 0) at_ += static_cast<uint64_t>(count);
+  return count;
+}
+
+ssize_t Upload::readText(char* buffer, size_t size) {
+  return static_cast<ssize_t>(text_.copy(buffer, size, static_cast<size_t>(at_)));
+}
+
+ssize_t Upload::readSource(char* buffer, size_t size, Failure* failure) {
   pollfd source = {source_.get(), POLLIN, 0};
-  if (!regular_ && poll(&source, 1, kWaitMilliseconds) <= 0) {
-    errno = EAGAIN;
-    return -1;
-  }
+  if (!regular_ && poll(&source, 1, kWaitMilliseconds) <= 0) return -1;
   const ssize_t count = ::read(source_.get(), buffer, size);
   if (count >= 0) consumed_ = true;
-  if (count < 0 && errno == EINTR) errno = EAGAIN;
-  return count;
+  if (count < 0 && errno != EINTR && errno != EAGAIN) *failure = failureOfErrno();
+  if (count > 0 || (count == 0 && !length_)) return count;
+  if (count == 0) *failure = this->failure("it became shorter while it was sent");
+  return -1;
 }
