@@ -214,6 +214,7 @@ void peer_step(ZelPeer* peer) {
     return peer_end(peer, Ending::Vanished);
   }
   if (peer->socket != Socket::Connected) return;
+  if (loop.current != peer) stream_takeInputBack(peer);
   if (flush(peer) && raiseDrained(peer) && raiseInput(peer)) raiseWritable(peer);
 }
 
@@ -252,6 +253,8 @@ extern "C" bool peer_setEventHandler(ZelPeer* peer, int event, int direction, Ze
   if (!known) return fail(ZEL_ERROR_NO_HANDLER);
   peer->handlers[known->slot] = handler;
   if (known->slot == kOnData) peer->tryRead = handler != nullptr;
+  // Who goes on with a peer from elsewhere may read at once: without a buffer it would do so byte by byte.
+  if (known->slot == kOnData && handler && loop.current != peer && peer->readTurn > 0) stream_lendInput(peer);
   if (known->slot == kOnWritable) peer->tryWritable = handler != nullptr;
   if (known->slot != kOnClose) loop_markWork(peer);
   return true;

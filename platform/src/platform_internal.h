@@ -177,6 +177,8 @@ void peer_rememberRemote(ZelPeer* peer, const sockaddr* address, socklen_t lengt
 
 // stream.cpp
 extern const ZelTransport kSocketTransport;
+void stream_lendInput(ZelPeer* peer);
+void stream_takeInputBack(ZelPeer* peer);
 void stream_lend(ZelPeer* peer, bool reading);
 bool stream_takeBack(ZelPeer* peer); /**< false when output could not be kept */
 void stream_dropOutput(ZelPeer* peer);

@@ -200,15 +200,21 @@ size_t stream_unread(const ZelPeer* peer) {
   return static_cast<size_t>(unread);
 }
 
+void stream_lendInput(ZelPeer* peer) {
+  if (peer->in && !peer->inBuffer && isInputEmpty(peer)) peer->inBuffer = lend(peer->in);
+}
+
+void stream_takeInputBack(ZelPeer* peer) {
+  if (peer->inBuffer && isInputEmpty(peer)) takeBack(peer->in, &peer->inBuffer);
+}
+
 void stream_lend(ZelPeer* peer, bool reading) {
-  if (reading && peer->in && !peer->inBuffer && isInputEmpty(peer)) peer->inBuffer = lend(peer->in);
+  if (reading) stream_lendInput(peer);
   if (peer->out && !peer->outBuffer && !peer->direct) peer->outBuffer = lend(peer->out);
 }
 
 bool stream_takeBack(ZelPeer* peer) {
-  // Whoever has taken its handler away will read outside of it when it goes on: byte by byte without a buffer.
-  const bool resting = !peer->handlers[kOnData];
-  if (peer->inBuffer && !resting && isInputEmpty(peer)) takeBack(peer->in, &peer->inBuffer);
+  stream_takeInputBack(peer);
   return takeBackOutput(peer);
 }
 
