@@ -1,5 +1,6 @@
 // The streams of a peer: buffered and direct output, reading, peeking.
 #include <stdio_ext.h>
+#include <sys/ioctl.h>
 
 #include "peer_support.h"
 
@@ -62,6 +63,30 @@ TEST_F(StreamTest, ReadingIsBinaryExact) {
     return got.size() == sent.size();
   }));
   EXPECT_TRUE(got == sent);
+}
+
+// A timer that lets a peer go on may read at once: in blocks, not byte by byte.
+TEST_F(StreamTest, WhoGoesOnFromElsewhereReadsBlocks) {
+  ZelPeer* peer = makePeer(&other_);
+  std::string got;
+  const Probe::Handler take = [&](ZelPeer* one) {
+    got += readAll(peer_inStream(one));
+    probe_.off(one, PEER_EVENT_DATA);
+    return true;
+  };
+  probe_.on(peer, PEER_EVENT_DATA, take);
+  sendText(other_, "first");
+  ASSERT_TRUE(until([&] { return got == "first"; }));
+  const std::string rest = pattern(5000);
+  sendText(other_, rest);
+
+  probe_.on(peer, PEER_EVENT_DATA, take);
+  EXPECT_EQ(fgetc(peer_inStream(peer)), rest[0]);
+  int unread = -1;
+  EXPECT_EQ(ioctl(peer_socket(peer), FIONREAD, &unread), 0);
+  EXPECT_EQ(unread, 0);
+  ASSERT_TRUE(until([&] { return got.size() > 5; }));
+  EXPECT_EQ(got.substr(5), rest.substr(1));
 }
 
 TEST_F(StreamTest, TheEndOfFileMarkSurvivesTheEvent) {
