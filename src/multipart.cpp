@@ -485,8 +485,8 @@ int readOn(HttpMultipart* multipart, const Alive& alive) {
     break;
   }
   if (multipart->state == HTTP_MULTIPART_DONE && !isPaused(multipart)) dropEpilogue(multipart);
-  // As long as there is something to do the message does not count as complete.
-  if (message->state >= HTTP_MSG_DONE) message->bodyAhead = multipart->state <= HTTP_MULTIPART_END ? 1 : 0;
+  // A message that was read to its end is not complete as long as there is something to do, or a failure to tell.
+  if (message->state >= HTTP_MSG_DONE) message->bodyAhead = multipart->state != HTTP_MULTIPART_DONE;
   return multipart->state == HTTP_MULTIPART_FAILED ? -1 : 0;
 }
 

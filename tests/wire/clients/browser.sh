@@ -18,6 +18,14 @@ open_browser() {
   drive Runtime.enable
 }
 
+# Lets the browser end as it wants to: what it is killed in the middle of goes on writing its profile.
+close_browser() {
+  tab=
+  drive Browser.close
+  wait "${running[browser]}" || fail "the browser: $(tail -n 5 "$folder/browser.err")"
+  unset 'running[browser]'
+}
+
 # drive METHOD [PARAMETERS]: has the browser do something; what it answers is left in $answer, what it reports
 # meanwhile goes to $LOGS/browser.log.
 tab=

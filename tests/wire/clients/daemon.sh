@@ -86,6 +86,7 @@ finish() {
     wait "${running[$name]}" 2>/dev/null || true
     [ "$status" -eq 0 ] || sed "s/^/$name: /" "$folder/$name.err" >&2
   done
-  rm -rf "$folder"
+  # A browser that was killed has children that end a little later.
+  rm -rf "$folder" 2>/dev/null || { sleep 1 && rm -rf "$folder"; }
 }
 trap finish EXIT

@@ -141,8 +141,5 @@ await "the page after the session" "$where" '/login?next=/private/ Log in - Test
 # Nothing to complain of but the refusals that belong to it.
 ! grep -E '"method":"(Runtime.exceptionThrown|Runtime.consoleAPICalled)"' "$LOGS/browser.log" || fail "see the lines above"
 ! grep '"method":"Log.entryAdded"' "$LOGS/browser.log" | grep -v 'status of 401' || fail "see the lines above"
-tab=
-drive Browser.close
-wait "${running[browser]}" || fail "the browser: $(tail -n 5 "$folder/browser.err")"
-unset 'running[browser]'
+close_browser
 stop_without_complaint krohttpd

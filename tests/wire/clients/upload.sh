@@ -193,4 +193,5 @@ await "the page behind the answer" "$ready" 'Send files - krohttpd'
 ! grep -E '"entry":|exceptionThrown|consoleAPICalled' "$LOGS/browser.log" || fail "the browser complains, see above"
 # Where it began and went: only here.
 ! grep -o '"\(GET\|POST\) [^ ]*' "$folder/pages" | grep -v '/upload$' || fail "the page asked for something else"
+close_browser
 stop
