@@ -239,15 +239,13 @@ ssize_t body_read_buffered(void* cookie, char* buffer, size_t size) {
   if (body->empty) return emptyBody(message);
 
   int error = 0;
-  const bool wasUsedUp = body->position == body->fill;
-  if (wasUsedUp) {
+  if (body->position == body->fill) {
     body->position = body->fill = 0;
     readAhead(body);
     error = errno;
   }
   if (body->fill == 0) return nothingBuffered(body);
-  const bool isAllThereIs = wasUsedUp && message->inParts;
-  if (body->fill - body->position < amount && !isAllThereIs) {
+  if (body->fill - body->position < amount) {
     topUp(body, amount);
     error = errno;
   }
@@ -597,7 +595,8 @@ FILE* body_fopen(HttpMessage* message, FILE* parent, const char* mode) {
     case HTTP_BODY_MULTIPART:
       TRACE_NOTICE("opening multipart body with content length %" PRIu64, kind.length);
       // Whoever only passes it on, or takes it apart, needs no way back into it, nor the wait that comes with it.
-      if (message->relayed || message->inParts) return openOfLength<NormalBody>(message, parent, kind.length, mode, kNormal);
+      if (message->relayed || message->inParts)
+        return openOfLength<NormalBody>(message, parent, kind.length, mode, kNormal);
       return openOfLength<BufferedBody>(message, parent, kind.length, mode, kBuffered);
   }
   return nullptr;

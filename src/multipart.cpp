@@ -83,13 +83,18 @@ bool fillScratch(HttpMultipart* multipart) {
   return true;
 }
 
-// Scratch could not be filled: whether the rest may still come.
-bool moreToCome(HttpMultipart* multipart) {
+// Scratch could not be filled: waits for the rest of @p what, or fails when none will come. Returns 0 or -1.
+int awaitScratch(HttpMultipart* multipart, const char* what) {
   HttpMessage* const message = multipart->message;
   const int error = errno;
   const bool waiting = msg_checkNeedMoreData(message, error) == 0 && message->needMoreData;
   errno = error;
-  return waiting;
+  if (waiting) {
+    TRACE_INFO("we need more data to read %s", what);
+    return 0;
+  }
+  TRACE_ERROR("unable to read message boundary: %m");
+  return failed(multipart);
 }
 
 // --- the body of a part ----------------------------------------------------------------------------------------------
@@ -232,8 +237,6 @@ void dropPartBody(HttpMultipart* multipart) {
 
 // --- the steps -------------------------------------------------------------------------------------------------------
 
-// Each returns -1 with the reader failed, else 0.
-
 // Tells whether a handler has cleaned the reader up, or ended its message: neither is touched any more then.
 class Alive {
  public:
@@ -251,16 +254,11 @@ bool isReadable(const HttpMultipart* multipart) {
   return multipart->message != nullptr && multipart->input != nullptr && multipart->message->body == multipart->input;
 }
 
+// Each step returns -1 with the reader failed, else 0.
+
 int msgMultipart_handleInit(HttpMultipart* multipart) {
   TRACE_INFO("handling first boundary");
-  if (!fillScratch(multipart)) {
-    if (moreToCome(multipart)) {
-      TRACE_INFO("we need more data to read the full boundary");
-      return 0;
-    }
-    TRACE_ERROR("unable to read message boundary: %m");
-    return failed(multipart);
-  }
+  if (!fillScratch(multipart)) return awaitScratch(multipart, "the full boundary");
   const char* const wanted = multipart->delimiter + kLineEnd;
   if (std::memcmp(multipart->scratch, wanted, multipart->haveRead) != 0) {
     TRACE_ERROR("unable to read message boundary, we read \n[%s] instead of \n[%s]", multipart->scratch, wanted);
@@ -342,14 +340,7 @@ int msgMultipart_handleBoundary(HttpMultipart* multipart) {
   if (isWorthReading(multipart)) return msgMultipart_handleBody(multipart);
 
   TRACE_INFO("handling end of boundary");
-  if (!fillScratch(multipart)) {
-    if (moreToCome(multipart)) {
-      TRACE_INFO("we need more data to read the end of the boundary");
-      return 0;
-    }
-    TRACE_ERROR("unable to read message boundary: %m");
-    return failed(multipart);
-  }
+  if (!fillScratch(multipart)) return awaitScratch(multipart, "the end of the boundary");
   const std::string_view tail(multipart->scratch, kTail);
   if (tail == "\r\n") return beginPart(multipart);
   if (tail == "--") return endParts(multipart);
@@ -361,8 +352,6 @@ int msgMultipart_handleBoundary(HttpMultipart* multipart) {
 int msgMultipart_handleHeader(HttpMultipart* multipart) {
   TRACE_INFO("handling headers");
   HttpRequest* const part = &multipart->part;
-  clearerr_unlocked(multipart->input);
-  errno = 0;
   while (part->message.state == HTTP_MSG_HEADERS && http_requestParse(part) == 0 && !part->message.needMoreData) {
   }
   if (part->message.state == HTTP_MSG_HEADERS && part->message.needMoreData) return 0;
@@ -392,14 +381,7 @@ int msgMultipart_handleHeader(HttpMultipart* multipart) {
 
 int msgMultipart_handleEnd(HttpMultipart* multipart) {
   TRACE_INFO("handling multipart end");
-  if (!fillScratch(multipart)) {
-    if (moreToCome(multipart)) {
-      TRACE_INFO("we need more data to read the end of the boundary");
-      return 0;
-    }
-    TRACE_ERROR("unable to read message boundary: %m");
-    return failed(multipart);
-  }
+  if (!fillScratch(multipart)) return awaitScratch(multipart, "the end of the boundary");
   if (std::string_view(multipart->scratch, kTail) == "\r\n")
     TRACE_INFO("end of multipart message");
   else
