@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "form.h"
+
 namespace {
 
 bool isBlank(char c) { return c == ' ' || c == '\t'; }
@@ -16,25 +18,6 @@ std::string_view trimmed(std::string_view text) {
 
 bool isSame(std::string_view text, std::string_view word) {
   return text.size() == word.size() && strncasecmp(text.data(), word.data(), word.size()) == 0;
-}
-
-int digitOf(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-// RFC 7578 section 2. A '%' without two digits stands for itself.
-std::string percentDecoded(std::string_view text) {
-  std::string out;
-  for (size_t i = 0; i < text.size(); ++i) {
-    const int high = text[i] == '%' && i + 2 < text.size() ? digitOf(text[i + 1]) : -1;
-    const int low = high >= 0 ? digitOf(text[i + 2]) : -1;
-    out += low >= 0 ? static_cast<char>(high * 16 + low) : text[i];
-    if (low >= 0) i += 2;
-  }
-  return out;
 }
 
 struct Parameter {
@@ -122,6 +105,7 @@ std::optional<std::string> fileNameOf(std::string_view value) {
   bool isFile = false;
   Parameters parameters(value);
   for (Parameter parameter; parameters.next(&parameter);) {
+    // RFC 7578 section 2.
     if (isSame(parameter.name, "filename") && !plain) plain = percentDecoded(parameter.value);
     if (isSame(parameter.name, "filename*")) {
       isFile = true;

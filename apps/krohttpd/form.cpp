@@ -13,21 +13,7 @@ int digitOf(char c) {
   return -1;
 }
 
-// '+' is a blank, "%XX" a byte; a '%' without two digits stands for itself.
-std::string decoded(std::string_view text) {
-  std::string out;
-  for (size_t i = 0; i < text.size(); ++i) {
-    const int high = i + 2 < text.size() ? digitOf(text[i + 1]) : -1;
-    const int low = high >= 0 ? digitOf(text[i + 2]) : -1;
-    if (text[i] == '%' && low >= 0) {
-      out += static_cast<char>(high * 16 + low);
-      i += 2;
-    } else {
-      out += text[i] == '+' ? ' ' : text[i];
-    }
-  }
-  return out;
-}
+std::string decoded(std::string_view text) { return percentDecoded(text, ' '); }
 
 bool isPlain(char c) {
   constexpr std::string_view kSigns = "-._~/";
@@ -47,6 +33,21 @@ std::optional<std::string> formField(std::string_view form, std::string_view nam
     at = end + 1;
   }
   return std::nullopt;
+}
+
+std::string percentDecoded(std::string_view text, char plus) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const int high = text[i] == '%' && i + 2 < text.size() ? digitOf(text[i + 1]) : -1;
+    const int low = high >= 0 ? digitOf(text[i + 2]) : -1;
+    if (low >= 0) {
+      out += static_cast<char>(high * 16 + low);
+      i += 2;
+    } else {
+      out += text[i] == '+' ? plus : text[i];
+    }
+  }
+  return out;
 }
 
 std::string escapedForUrl(std::string_view text) {

@@ -8,6 +8,9 @@
 // The decoded value of the first field called @p name of an application/x-www-form-urlencoded text.
 std::optional<std::string> formField(std::string_view form, std::string_view name);
 
+// "%XX" is a byte; a '%' without two digits stands for itself. A '+' becomes @p plus.
+std::string percentDecoded(std::string_view text, char plus = '+');
+
 // @p text with all but letters, digits and "-._~/" escaped: for a path, or a value in a query.
 std::string escapedForUrl(std::string_view text);
 

@@ -44,6 +44,14 @@ Framing framingOf(HttpMessage* message) {
   return framing;
 }
 
+uint64_t announcedLength(HttpRequest* request) {
+  HttpHeader header{};
+  header.code = HTTP_HEADER_CONTENT_LENGTH;
+  const uint64_t length = http_requestHeader(request, &header) == 0 ? header.contentLength.length : 0;
+  http_hdrCleanup(&header);
+  return length;
+}
+
 int settleBody(HttpRequest* request) {
   if (http_requestState(request) != HTTP_MSG_BODY || http_requestBodyType(request) != HTTP_BODY_UNTIL_CLOSE) return 0;
   return http_requestHeaderValueSet(request, "Content-Length", "0") < 0 ? -1 : http_requestDone(request);

@@ -15,6 +15,9 @@ struct Framing {
 
 Framing framingOf(HttpMessage* message);
 
+// What Content-Length says, 0 when there is none.
+uint64_t announcedLength(HttpRequest* request);
+
 // Without a header that says so a body would last until the connection ends: there is none (RFC 9112 section 6.3).
 // Returns 0 or -1.
 int settleBody(HttpRequest* request);

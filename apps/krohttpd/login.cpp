@@ -1,7 +1,5 @@
 #include "login.h"
 
-#include <strings.h>
-
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -12,6 +10,7 @@
 #include "framing.h"
 #include "identity.h"
 #include "login_page.h"
+#include "media.h"
 #include "prefix.h"
 #include "refusal.h"
 #include "replies.h"
@@ -22,6 +21,7 @@
 namespace {
 
 constexpr const char* kHtml = "text/html; charset=utf-8";
+constexpr const char* kFormType = "application/x-www-form-urlencoded";
 constexpr const char* kText = "text/plain; charset=utf-8";
 constexpr const char* kLoginMethods = "GET, HEAD, POST, OPTIONS";
 constexpr const char* kLogoutMethods = "POST, OPTIONS";
@@ -53,9 +53,6 @@ class Form {
 std::unordered_map<ZelPeer*, Form> forms;
 
 // --- answers ---------------------------------------------------------------------------------------------------------
-
-// Nobody keeps what depends on who asks.
-int forbidStoring(HttpReply* reply) { return http_replyHeaderValueSet(reply, "Cache-Control", "no-store"); }
 
 int redirect(HttpRequest* request, HttpReply* reply, const std::string& target) {
   return answerEarly(request, reply, [&] {
@@ -116,23 +113,8 @@ int judgeForm(HttpRequest* request, HttpReply* reply, const Form& form) {
   });
 }
 
-bool isForm(HttpRequest* request) {
-  constexpr std::string_view kType = "application/x-www-form-urlencoded";
-  const char* const type = http_requestHeaderValue(request, "Content-Type");
-  if (type == nullptr || strncasecmp(type, kType.data(), kType.size()) != 0) return false;
-  return std::strchr("; \t", type[kType.size()]) != nullptr;  // parameters, or the end
-}
-
-uint64_t announcedLength(HttpRequest* request) {
-  HttpHeader header{};
-  header.code = HTTP_HEADER_CONTENT_LENGTH;
-  const uint64_t length = http_requestHeader(request, &header) == 0 ? header.contentLength.length : 0;
-  http_hdrCleanup(&header);
-  return length;
-}
-
 int beginForm(HttpRequest* request, HttpReply* reply) {
-  if (!isForm(request)) return refuse(request, reply, 415);
+  if (!isOfType(request, kFormType)) return refuse(request, reply, 415);
   if (announcedLength(request) > kLongestForm) return refuse(request, reply, 413);
   if (settleBody(request) < 0 || http_serverContinue(request, reply) < 0) return -1;
   if (http_requestState(request) == HTTP_MSG_DONE) return judgeForm(request, reply, Form());
@@ -152,9 +134,7 @@ bool isLogout(HttpRequest* request) { return std::string_view(http_requestPath(r
 
 bool isPageForBrowser(HttpRequest* request) {
   const int method = http_requestMethod(request);
-  const char* const accept = http_requestHeaderValue(request, "Accept");
-  return (method == HTTP_METHOD_GET || method == HTTP_METHOD_HEAD) && accept != nullptr &&
-         strcasestr(accept, "text/html") != nullptr;
+  return (method == HTTP_METHOD_GET || method == HTTP_METHOD_HEAD) && acceptsHtml(request);
 }
 
 // Path and query of @p request as an address; empty when no login would lead there.

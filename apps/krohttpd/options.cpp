@@ -79,8 +79,7 @@ Protection parseProtection(const std::string& text) {
   const std::string prefix = text.substr(0, equals);
   if (!text.starts_with('/') || equals == std::string::npos || leadsUpwards(prefix))
     refuse("--protect: '" + text + "' is not PREFIX=basic, PREFIX=digest or PREFIX=session");
-  Protection protection{normalizedPath(prefix), AuthScheme::kBasic};
-  if (protection.prefix.size() > 1 && protection.prefix.ends_with('/')) protection.prefix.pop_back();
+  Protection protection{asPrefix(prefix), AuthScheme::kBasic};
   const std::string scheme = text.substr(equals + 1);
   if (scheme == "digest")
     protection.scheme = AuthScheme::kDigest;
@@ -91,29 +90,21 @@ Protection parseProtection(const std::string& text) {
   return protection;
 }
 
-void addProtection(Options* options, const std::string& text) {
-  const Protection added = parseProtection(text);
-  for (const Protection& protection : options->protections)
-    if (protection.prefix == added.prefix) refuse("--protect: '" + added.prefix + "' is there twice");
-  options->protections.push_back(added);
-}
-
 // "PREFIX=DIR".
 Upload parseUpload(const std::string& text) {
   const size_t equals = text.find('=');
   const std::string prefix = text.substr(0, equals);
   if (!text.starts_with('/') || equals == std::string::npos || equals + 1 == text.size() || leadsUpwards(prefix))
     refuse("--upload: '" + text + "' is not PREFIX=DIR");
-  Upload upload{normalizedPath(prefix), text.substr(equals + 1)};
-  if (upload.prefix.size() > 1 && upload.prefix.ends_with('/')) upload.prefix.pop_back();
-  return upload;
+  return {asPrefix(prefix), text.substr(equals + 1)};
 }
 
-void addUpload(Options* options, const std::string& text) {
-  const Upload added = parseUpload(text);
-  for (const Upload& upload : options->uploads)
-    if (upload.prefix == added.prefix) refuse("--upload: '" + added.prefix + "' is there twice");
-  options->uploads.push_back(added);
+// Adds a rule; each has a prefix of its own.
+template <typename Rule>
+void addRule(const char* option, const Rule& added, std::vector<Rule>* rules) {
+  for (const Rule& rule : *rules)
+    if (rule.prefix == added.prefix) refuse(std::string(option) + ": '" + added.prefix + "' is there twice");
+  rules->push_back(added);
 }
 
 // "N", or "NK", "NM" or "NG" for so many KiB, MiB or GiB.
@@ -232,9 +223,10 @@ Options parse(CLI::App& app, int argc, char** argv) {
   for (const std::string& address : listen) options.listen.push_back(parseListen(address));
   for (const std::string& trace : traces) options.traces.push_back(parseTrace(trace));
   for (const std::string& proxy : proxies) options.proxies.push_back(parseProxy(proxy));
-  for (const std::string& upload : uploads) addUpload(&options, upload);
+  for (const std::string& upload : uploads) addRule("--upload", parseUpload(upload), &options.uploads);
   options.maxUpload = parseSize(maxUpload);
-  for (const std::string& protection : protections) addProtection(&options, protection);
+  for (const std::string& protection : protections)
+    addRule("--protect", parseProtection(protection), &options.protections);
   if (!protections.empty() && options.authFile.empty()) refuse("--protect: who may log in? give --auth-file FILE");
   if (root.empty() && !options.demo && proxies.empty() && uploads.empty())
     refuse("nothing to serve: give --root DIR, --demo, --proxy PREFIX=TARGET or --upload PREFIX=DIR");

@@ -23,3 +23,9 @@ std::string normalizedPath(std::string_view path) {
   if (endsInSlash || normalized.empty()) normalized += '/';
   return normalized;
 }
+
+std::string asPrefix(std::string_view path) {
+  std::string prefix = normalizedPath(path);
+  if (prefix.size() > 1 && prefix.ends_with('/')) prefix.pop_back();
+  return prefix;
+}

@@ -1,4 +1,4 @@
-// Which paths a prefix covers: for --proxy and --protect.
+// Which paths a prefix covers: for --proxy, --protect and --upload.
 #pragma once
 
 #include <string>
@@ -12,6 +12,9 @@ bool leadsUpwards(std::string_view path);
 
 // @p path without its empty and "." segments; a slash at its end stays.
 std::string normalizedPath(std::string_view path);
+
+// normalizedPath(), as the prefix of a rule: without a slash at its end, but for that of the root.
+std::string asPrefix(std::string_view path);
 
 // The element of @p rules, each with a prefix, whose prefix is the longest that covers @p path; null when there is
 // none.

@@ -61,8 +61,7 @@ std::string boundaryOf(HttpRequest* request) {
 
 }  // namespace
 
-Receipt::Receipt(HttpRequest* request, uint64_t limit, uint64_t announced)
-    : request_(request), limit_(limit), announced_(announced) {}
+Receipt::Receipt(HttpRequest* request, uint64_t limit) : request_(request), limit_(limit) {}
 
 Receipt::~Receipt() {
   if (reader_.receipt != nullptr) http_msgMultipartCleanup(&reader_);

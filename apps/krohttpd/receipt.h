@@ -11,9 +11,8 @@
 
 class Receipt {
  public:
-  // @param limit      bytes that the files may have together, 0: any number
-  // @param announced  bytes of the whole body, 0: not known
-  Receipt(HttpRequest* request, uint64_t limit, uint64_t announced);
+  // @param limit  bytes that the files may have together, 0: any number
+  Receipt(HttpRequest* request, uint64_t limit);
   ~Receipt();
   Receipt(const Receipt&) = delete;
   Receipt& operator=(const Receipt&) = delete;
@@ -47,7 +46,6 @@ class Receipt {
 
   HttpRequest* request_;
   uint64_t limit_;
-  uint64_t announced_;
   OwnedDescriptor directory_;
   Reader reader_{};
   std::list<IncomingFile> files_;

@@ -39,6 +39,8 @@ bool closesAfter(HttpRequest* request) {
   return connection != nullptr && strcasestr(connection, "close") != nullptr;
 }
 
+int forbidStoring(HttpReply* reply) { return http_replyHeaderValueSet(reply, "Cache-Control", "no-store"); }
+
 int announceClose(HttpReply* reply) { return http_replyHeaderValueSet(reply, "Connection", "close"); }
 
 int addCommonHeaders(HttpRequest* request, HttpReply* reply) {

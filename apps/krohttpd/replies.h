@@ -11,6 +11,9 @@ int addCommonHeaders(HttpRequest* request, HttpReply* reply);
 // Whether the connection closes after this request: HTTP/1.0 always, else when the client asks for it.
 bool closesAfter(HttpRequest* request);
 
+// Says that nobody keeps the reply. Returns 0 or -1.
+int forbidStoring(HttpReply* reply);
+
 // Adds Connection: close.
 int announceClose(HttpReply* reply);
 

@@ -96,8 +96,8 @@ bool isAllowed(HttpRequest* request) {
 }
 
 // What depends on who asks is kept by nobody: after a logout nothing is left of it.
-int forbidStoring(HttpRequest* request, HttpReply* reply) {
-  return identityOf(request).empty() ? 0 : http_replyHeaderValueSet(reply, "Cache-Control", "no-store");
+int forbidStoringOf(HttpRequest* request, HttpReply* reply) {
+  return identityOf(request).empty() ? 0 : forbidStoring(reply);
 }
 
 int serve(HttpRequest* request, HttpReply* reply) {
@@ -106,7 +106,7 @@ int serve(HttpRequest* request, HttpReply* reply) {
   const char* const allow = wantsEcho(request) ? kEchoMethods : kReadMethods;
   if (const ProxyTarget* const target = forwardTarget(http_requestPath(request)); target != nullptr)
     return forwardBegin(request, reply, *target);
-  if (forbidStoring(request, reply) < 0) return -1;
+  if (forbidStoringOf(request, reply) < 0) return -1;
   if (http_requestMethod(request) == HTTP_METHOD_OPTIONS) return replyWithText(request, reply, 200, kText, "", allow);
   if (!isAllowed(request)) return refuse(request, reply, 405, allow);
   if (wantsEcho(request)) return echoBegin(request, reply);

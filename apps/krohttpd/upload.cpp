@@ -1,7 +1,6 @@
 #include "upload.h"
 
 #include <fcntl.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zel/peer.h>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "framing.h"
+#include "media.h"
 #include "prefix.h"
 #include "receipt.h"
 #include "refusal.h"
@@ -36,16 +36,10 @@ std::unordered_map<ZelPeer*, std::unique_ptr<Receipt>> receipts;
 
 // --- answers ---------------------------------------------------------------------------------------------------------
 
-bool wantsPage(HttpRequest* request) {
-  const char* const accept = http_requestHeaderValue(request, "Accept");
-  return accept != nullptr && strcasestr(accept, "text/html") != nullptr;
-}
-
 int send(HttpRequest* request, HttpReply* reply, unsigned code, const char* type, const std::string& text,
          const char* allow) {
   // One address, two answers: a cache must not mix them up, and nobody keeps either.
-  if (http_replyHeaderValueSet(reply, "Cache-Control", "no-store") < 0 ||
-      http_replyHeaderValueSet(reply, "Vary", "Accept") < 0 ||
+  if (forbidStoring(reply) < 0 || http_replyHeaderValueSet(reply, "Vary", "Accept") < 0 ||
       http_replyHeaderValueSet(reply, "X-Content-Type-Options", "nosniff") < 0)
     return -1;
   return replyWithText(request, reply, code, type, text, allow);
@@ -82,7 +76,7 @@ const char* reasonOf(unsigned code) {
 }
 
 int sendRefusal(HttpRequest* request, HttpReply* reply, unsigned code, const char* allow) {
-  if (wantsPage(request)) return sendPage(request, reply, code, uploadRefusedPage(reasonOf(code)), allow);
+  if (acceptsHtml(request)) return sendPage(request, reply, code, uploadRefusedPage(reasonOf(code)), allow);
   return send(request, reply, code, "application/json", std::string("{\"error\":\"") + reasonOf(code) + "\"}\n", allow);
 }
 
@@ -96,7 +90,7 @@ int refuseUpload(HttpRequest* request, HttpReply* reply, unsigned code, const ch
 int answerStored(HttpRequest* request, HttpReply* reply, const Receipt& receipt) {
   std::vector<StoredFile> files;
   for (const IncomingFile& file : receipt.files()) files.push_back({file.name(), file.size(), file.sha256()});
-  if (wantsPage(request)) return sendPage(request, reply, 200, uploadStoredPage(files));
+  if (acceptsHtml(request)) return sendPage(request, reply, 200, uploadStoredPage(files));
   return send(request, reply, 200, "application/json", uploadStoredJson(files), nullptr);
 }
 
@@ -108,37 +102,21 @@ bool forget(ZelPeer* peer) {
   return true;
 }
 
-bool isForm(HttpRequest* request) {
-  constexpr std::string_view kType = "multipart/form-data";
-  const char* const type = http_requestHeaderValue(request, "Content-Type");
-  if (type == nullptr || strncasecmp(type, kType.data(), kType.size()) != 0) return false;
-  return std::strchr("; \t", type[kType.size()]) != nullptr;  // parameters, or the end
-}
-
-// 0 when the body's length is not known before its end.
-uint64_t announcedLength(HttpRequest* request) {
-  HttpHeader header{};
-  header.code = HTTP_HEADER_CONTENT_LENGTH;
-  const uint64_t length = http_requestHeader(request, &header) == 0 ? header.contentLength.length : 0;
-  http_hdrCleanup(&header);
-  return length;
-}
-
 // The status that refuses the request by its head alone, 0 when there is no reason to.
-unsigned refusalOf(HttpRequest* request, uint64_t announced) {
+unsigned refusalOf(HttpRequest* request) {
+  const uint64_t announced = announcedLength(request);
   // Anybody's page can have a browser post such a form without asking.
   if (isFromElsewhere(request)) return 403;
-  if (!isForm(request)) return 415;
+  if (!isOfType(request, "multipart/form-data")) return 415;
   if (limit != 0 && announced > limit && announced - limit > kUsualOverhead) return 413;
   const bool chunked = http_requestBodyType(request) == HTTP_BODY_CHUNKED;
   return announced == 0 && !chunked ? 400 : 0;
 }
 
 int receive(HttpRequest* request, HttpReply* reply, const Upload& upload) {
-  const uint64_t announced = announcedLength(request);
-  if (const unsigned code = refusalOf(request, announced); code != 0) return refuseUpload(request, reply, code);
+  if (const unsigned code = refusalOf(request); code != 0) return refuseUpload(request, reply, code);
   ZelPeer* const peer = http_requestPeer(request);
-  auto receipt = std::make_unique<Receipt>(request, limit, announced);
+  auto receipt = std::make_unique<Receipt>(request, limit);
   if (const unsigned code = receipt->open(upload.directory); code != 0) return refuseUpload(request, reply, code);
   if (!peer_addCloseHandler(peer, forget) || http_serverContinue(request, reply) < 0) return -1;
   receipts.insert_or_assign(peer, std::move(receipt));
@@ -175,8 +153,7 @@ void uploadTearDown() { receipts.clear(); }
 
 const Upload* uploadAt(const char* path) {
   if (path == nullptr || uploads.empty()) return nullptr;
-  std::string name = normalizedPath(path);
-  if (name.size() > 1 && name.ends_with('/')) name.pop_back();
+  const std::string name = asPrefix(path);
   for (const Upload& upload : uploads)
     if (upload.prefix == name) return &upload;
   return nullptr;
