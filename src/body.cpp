@@ -119,6 +119,19 @@ void endReached(HttpMessage* message, ssize_t count) {
   errno = 0;
 }
 
+// Counts what has been read of a body. False when it is more than the message may have; the read has failed then.
+bool countRead(HttpMessage* message, size_t count) {
+  message->bodyReads += count > 0;
+  message->bodyCount += count;
+  if (message->bodyLimit == 0 || message->bodyCount <= message->bodyLimit) return true;
+  TRACE_ERROR("body is longer than %" PRIu64 " bytes", message->bodyLimit);
+  message->refusal = HTTP_MSG_LARGE_BODY;
+  message->state = HTTP_MSG_FAILED;
+  message->bodyCut = 1;
+  errno = EFBIG;
+  return false;
+}
+
 ssize_t emptyBody(HttpMessage* message) {
   errno = 0;
   endReached(message, 0);
@@ -151,7 +164,7 @@ ssize_t body_read_normal(void* cookie, char* buffer, size_t size) {
   const int error = errno;
   body->done += static_cast<uint32_t>(count);
   body->begun |= count > 0;
-  message->bodyReads += count > 0;
+  if (!countRead(message, count)) return -1;
   const bool parentEnded = feof_unlocked(body->parent);
   traceRead(body, static_cast<ssize_t>(count), size, buffer, amount);
   errno = error;
@@ -254,7 +267,8 @@ ssize_t body_read_buffered(void* cookie, char* buffer, size_t size) {
   body->done += count;
   body->position += count;
   message->bodyAhead = body->fill - body->position;
-  message->bodyReads += count > 0;
+  const size_t isNew = body->done > message->bodyCount ? body->done - message->bodyCount : 0;  // not read before
+  if (!countRead(message, isNew)) return -1;
   traceRead(body, count, size, buffer, amount);
 
   const bool usedUp = body->position == body->fill;
@@ -304,6 +318,22 @@ bool sizeLineComplete(const ChunkedBody* body) {
   return body->lineLength >= 2 && body->line[body->lineLength - 2] == '\r' && body->line[body->lineLength - 1] == '\n';
 }
 
+// The size line of a strict message: digits and CRLF, and a size that can be counted.
+bool isSizeLineInOrder(const ChunkedBody* body) {
+  const std::string_view line(body->line, static_cast<size_t>(body->lineLength));
+  const std::string_view digits = line.substr(0, line.size() - 2);
+  if (digits.empty() || digits.find_first_of("\r\n") != std::string_view::npos) return false;
+  const size_t significant = digits.find_first_not_of('0');
+  constexpr size_t kMostDigits = 8;
+  return significant == std::string_view::npos || digits.size() - significant <= kMostDigits;
+}
+
+int refuseChunk(ChunkedBody* body, int error) {
+  TRACE_ERROR("message is refused: chunk");
+  body->message->refusal = HTTP_MSG_BAD_CHUNK;
+  return chunkFailed(body, error);
+}
+
 void takeChunkSize(ChunkedBody* body) {
   body->line[body->lineLength - 2] = '\0';
   TRACE_INFO("chunk size is %s", body->line);
@@ -317,12 +347,13 @@ int readChunkSize(ChunkedBody* body) {
   TRACE_INFO("reading chunk size");
   for (;;) {
     if (sizeLineComplete(body)) {
+      if (body->message->strict && !isSizeLineInOrder(body)) return refuseChunk(body, EBADMSG);
       takeChunkSize(body);
       return 0;
     }
     if (body->lineLength > static_cast<int>(kChunkLine) - 1) {
       TRACE_INFO("unable to parse chunk size");
-      return -1;
+      return body->message->strict ? refuseChunk(body, EBADMSG) : -1;
     }
     errno = 0;
     const int c = getc_unlocked(body->parent);
@@ -330,7 +361,7 @@ int readChunkSize(ChunkedBody* body) {
     // Neither extensions nor blanks are taken.
     if (!std::isxdigit(c) && c != '\r' && c != '\n') {
       TRACE_ERROR("unable to parse chunk size (invalid char %c in %.*s)", c, body->lineLength, body->line);
-      return chunkFailed(body, EBADMSG);
+      return body->message->strict ? refuseChunk(body, EBADMSG) : chunkFailed(body, EBADMSG);
     }
     body->line[body->lineLength++] = static_cast<char>(c);
   }
@@ -359,7 +390,7 @@ int readChunkEnd(ChunkedBody* body) {
     if (c == EOF) return chunkStopped(body);
     if (c != (body->eolCount == 0 ? '\r' : '\n')) {
       TRACE_ERROR("unable to read chunk, invalid format");
-      return chunkFailed(body, EBADF);
+      return body->message->strict ? refuseChunk(body, EBADF) : chunkFailed(body, EBADF);
     }
     ++body->eolCount;
   }
@@ -421,7 +452,7 @@ ssize_t body_read_chunked(void* cookie, char* buffer, size_t size) {
   while (body->outputFill < size && !message->needMoreData && stepChunks(body)) {
   }
   TRACE_INFO("read %u bytes", body->outputFill);
-  message->bodyReads += body->outputFill > 0;
+  if (!countRead(message, body->outputFill)) return -1;
   errno = message->needMoreData ? EAGAIN : body->readerState == CHUNK_ERROR ? EBADMSG : 0;
   return errno == 0 || body->outputFill > 0 ? static_cast<ssize_t>(body->outputFill) : -1;
 }
@@ -557,7 +588,9 @@ BodyKind bodyKind(HttpMessage* message) {
   }
   if (const char* const text = msg_headerText(message, HTTP_HEADER_TRANSFER_ENCODING))
     return {isChunked(text) ? HTTP_BODY_CHUNKED : HTTP_BODY_UNKNOWN, 0};
-  return {msg_hasBody(message) ? HTTP_BODY_UNTIL_CLOSE : HTTP_BODY_NONE, 0};
+  // RFC 9112 section 6.3: a request that says nothing has no body. What follows would be taken for one otherwise.
+  const bool lasts = msg_hasBody(message) && !(message->strict && message->type == HTTP_MSG_REQUEST);
+  return {lasts ? HTTP_BODY_UNTIL_CLOSE : HTTP_BODY_NONE, 0};
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "memory.h"
 #include "message_internal.h"
 #include "protocol_internal.h"
+#include "strict.h"
 #include "watch.h"
 
 #define TRACE_ZONE "http-message"
@@ -125,7 +126,8 @@ size_t takeBuffered(HttpMessage* message, FILE* stream) {
   if (const void* const lineFeed = std::memchr(held, '\n', count))
     count = static_cast<size_t>(static_cast<const char*>(lineFeed) - held) + 1;
   bool allKept = true;
-  for (size_t at = 0; at < count; ++at) allKept &= isKept(static_cast<unsigned char>(held[at]));
+  if (!message->strict)  // which refuses them
+    for (size_t at = 0; at < count; ++at) allKept &= isKept(static_cast<unsigned char>(held[at]));
   if (!allKept) return 0;
   std::memcpy(message->buffer + message->fill, held, count);
   message->fill += static_cast<uint32_t>(count);
@@ -133,10 +135,29 @@ size_t takeBuffered(HttpMessage* message, FILE* stream) {
   return count;
 }
 
-bool growForHead(HttpMessage* message) {
-  if (message->headLimit == 0 || message->bufferSize < message->headLimit) return msg_growAndKeep(message, 0) == 0;
-  TRACE_ERROR("head is longer than %u bytes", message->headLimit);
-  return false;
+// Refuses what the head has grown to. Its bytes are those read, line ends included.
+bool isWithinLimits(HttpMessage* message) {
+  // However many bytes come at once, the limit that is passed first is the reason.
+  const bool lineCounts = message->state == HTTP_MSG_FIRST_LINE && message->lineLimit != 0 &&
+                          (message->headLimit == 0 || message->lineLimit <= message->headLimit);
+  if (lineCounts && message->fill > message->lineLimit) {
+    TRACE_ERROR("first line is longer than %u bytes", message->lineLimit);
+    message->refusal = HTTP_MSG_LONG_LINE;
+    return false;
+  }
+  if (message->headLimit != 0 && message->fill > message->headLimit) {
+    TRACE_ERROR("head is longer than %u bytes", message->headLimit);
+    message->refusal = HTTP_MSG_LARGE_HEAD;
+    return false;
+  }
+  return true;
+}
+
+// The line that ends with the last byte of the buffer, whole.
+bool isLineInOrder(HttpMessage* message) {
+  const std::string_view line(message->buffer + message->lineStart, message->fill - message->lineStart);
+  message->refusal = strict_line(line);
+  return message->refusal == HTTP_MSG_ACCEPTED;
 }
 
 // Ends the line whose LF is the last byte of the buffer. The byte before the LF is taken for the CR, whatever it is.
@@ -223,14 +244,16 @@ extern "C" {
 int msg_lineGet(HttpMessage* message, FILE* stream, char** line) {
   message->needMoreData = 0;
   for (;;) {
-    if (message->fill == message->bufferSize && !growForHead(message)) return -1;
+    if (message->fill == message->bufferSize && msg_growAndKeep(message, 0) < 0) return -1;
     if (takeBuffered(message, stream) == 0) {
       const int byte = getc_unlocked(stream);
       if (byte == EOF) break;
-      if (!isKept(byte)) continue;
+      if (!message->strict && !isKept(byte)) continue;
       message->buffer[message->fill++] = static_cast<char>(byte);
     }
+    if (!isWithinLimits(message)) return -1;
     if (message->buffer[message->fill - 1] == '\n') {
+      if (message->strict && !isLineInOrder(message)) return -1;
       *line = takeLine(message);
       return 0;
     }
@@ -425,6 +448,30 @@ int abandon(HttpMessage* message, uint8_t refusal) {
   return -1;
 }
 
+bool isFirstLineInOrder(HttpMessage* message, std::string_view line) {
+  std::string_view authority;
+  message->refusal = message->type == HTTP_MSG_REQUEST ? strict_requestLine(line, &authority) : strict_statusLine(line);
+  message->authorityStart = authority.data() == nullptr ? 0 : static_cast<uint32_t>(authority.data() - message->buffer);
+  message->authorityLength = static_cast<uint32_t>(authority.size());
+  return message->refusal == HTTP_MSG_ACCEPTED;
+}
+
+bool isHeaderInOrder(HttpMessage* message, std::string_view line) {
+  ++message->headerCount;
+  if (message->headerLimit != 0 && message->headerCount > message->headerLimit) {
+    TRACE_ERROR("head has more than %u headers", message->headerLimit);
+    message->refusal = HTTP_MSG_MANY_HEADERS;
+  } else if (message->strict) {
+    message->refusal = strict_headerLine(line);
+  }
+  return message->refusal == HTTP_MSG_ACCEPTED;
+}
+
+bool isHeadInOrder(HttpMessage* message) {
+  if (message->strict) message->refusal = strict_head(message);
+  return message->refusal == HTTP_MSG_ACCEPTED;
+}
+
 int headComplete(HttpMessage* message) {
   message->bodyType = body_type(message);
   if (message->bodyType == HTTP_BODY_NONE) {
@@ -537,8 +584,9 @@ int http_msgParse(HttpMessage* message) {
 
   // What the message before it handed out is overwritten from here on.
   if (message->state == HTTP_MSG_FIRST_LINE && message->fill == 0) forgetTexts(message);
+  message->refusal = HTTP_MSG_ACCEPTED;
   char* line = nullptr;
-  if (msg_lineGet(message, message->stream, &line) < 0) return abandon(message, HTTP_MSG_ACCEPTED);
+  if (msg_lineGet(message, message->stream, &line) < 0) return abandon(message, message->refusal);
   if (message->needMoreData) {
     TRACE_INFO("unable to parse message: more data is needed");
     return 0;
@@ -546,9 +594,11 @@ int http_msgParse(HttpMessage* message) {
 
   switch (message->state) {
     case HTTP_MSG_FIRST_LINE:
+      if (message->strict && !isFirstLineInOrder(message, line)) return abandon(message, message->refusal);
       return msg_parseStatusLine(message, line) < 0 ? abandon(message, message->refusal) : 0;
     case HTTP_MSG_HEADERS:
-      if (*line == '\0') return headComplete(message);
+      if (*line == '\0') return isHeadInOrder(message) ? headComplete(message) : abandon(message, message->refusal);
+      if (!isHeaderInOrder(message, line)) return abandon(message, message->refusal);
       return msg_parseHeaderLine(message, line, false) < 0 ? abandon(message, HTTP_MSG_BAD_HEADER) : 0;
     default:
       TRACE_ERROR("unknown error");
@@ -557,6 +607,12 @@ int http_msgParse(HttpMessage* message) {
 }
 
 }  // extern "C"
+
+bool msg_isOneLine(const char* text) {
+  if (std::strpbrk(text, "\r\n") == nullptr) return true;
+  TRACE_ERROR("a line end in what is to be sent");
+  return false;
+}
 
 int msg_setFirstLine(HttpMessage* message, const char* text, size_t length) {
   if (message->lineEnd >= 1 || length + 1 > message->bufferSize) return msg_setStatusLine(message, "%s", text);
@@ -601,7 +657,7 @@ int msg_setHeaderLine(HttpMessage* message, const char* format, ...) {
   va_start(arguments, format);
   const int written = msg_lineSetV(message, format, arguments);
   va_end(arguments);
-  if (written < 0) {
+  if (written < 0 || !msg_isOneLine(message->buffer + message->lineStart)) {
     TRACE_ERROR("unable to set header line");
     return -1;
   }
@@ -754,7 +810,7 @@ int appendHeader(HttpMessage* message, const char* name, const char* format, va_
 }
 
 int storeFormatted(HttpMessage* message, const char* name, const char* format, va_list arguments, bool allowEmpty) {
-  if (appendHeader(message, name, format, arguments) < 0) {
+  if (appendHeader(message, name, format, arguments) < 0 || !msg_isOneLine(message->buffer + message->lineStart)) {
     TRACE_ERROR("unable to serialize header");
     return -1;
   }
@@ -852,11 +908,13 @@ int msg_headersSend(HttpMessage* message) {
   HeadWriter head(stream);
   http_msgHeadersReset(message);
   for (Entry entry; nextEntry(message, &entry);) {
+    if (message->last && entry.code == HTTP_HEADER_CONNECTION) continue;
     head.put(nameOf(entry));
     head.put(": ");
     head.put(entry.value);
     head.put("\r\n");
   }
+  if (message->last) head.put("Connection: close\r\n");
   head.put("\r\n");
   if (!head.finish()) {
     TRACE_ERROR("unable to send message headers: %m");
@@ -987,6 +1045,10 @@ HttpMessage* http_msgReset(HttpMessage* message) {
   message->relayed = 0;
   message->inParts = 0;
   message->bodyAhead = 0;
+  message->headerCount = 0;
+  message->last = 0;
+  message->bodyCount = 0;
+  message->authorityStart = message->authorityLength = 0;
   return message;
 }
 

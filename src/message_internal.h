@@ -39,6 +39,9 @@ void cl_messageGone(HttpMessage* message);
 // msg_setStatusLine() for a finished text of @p length characters and a NUL.
 int msg_setFirstLine(HttpMessage* message, const char* text, size_t length);
 
+// What an application puts into a head must not begin another line there, and so another header or message (traced).
+bool msg_isOneLine(const char* text);
+
 // Writes @p text to @p stream. False when not all of it could be written, and without a stream.
 inline bool msg_writeText(FILE* stream, std::string_view text) {
   if (stream == nullptr) {

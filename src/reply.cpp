@@ -115,6 +115,10 @@ int http_replyStatusCodeSet(HttpReply* reply, unsigned code, const char* reason)
   HttpMessage* const message = &reply->message;
   if (reply->statusCode != 0 && msg_removeStatusLine(message) < 0) return -1;
   if (reason == nullptr) reason = phraseOf(code);
+  if (!msg_isOneLine(reason)) {
+    TRACE_ERROR("unable to set status line");
+    return -1;
+  }
   StatusLine line(*message, code, reason);
   const int set = line.text() != nullptr ? msg_setFirstLine(message, line.text(), line.length())
                                          : msg_setStatusLine(message, "HTTP/%u.%u %u %s", message->versionMajor,

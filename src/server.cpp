@@ -24,7 +24,7 @@
 #include "memory.h"
 #include "message_internal.h"
 #include "reading.h"
-#include "server_internal.h"
+#include "server_connection.h"
 #include "watch.h"
 
 #define TRACE_ZONE "http-server"
@@ -37,68 +37,6 @@ constexpr size_t kBlock = 4096;
 constexpr uint32_t kKeptBuffer = 2048;
 // More than a socket is sure to take at once.
 constexpr size_t kLargeReply = 65536;
-
-// --- connections -----------------------------------------------------------------------------------------------------
-
-// A connection with what only this file needs to know.
-struct Connection : HttpServerConnection {
-  bool corked;               // the socket takes TCP_CORK
-  bool uncorked;             // until the next request everything leaves at once
-  bool lagging;              // the reader could not take all of this reply at once
-  bool standsStill;          // the body's handler has read nothing
-  bool replyDoneTold;        // replyDoneHandler has been called for this reply
-  uint64_t staticRemaining;  // bytes still to send of a regular file, as announced: it may grow or shrink meanwhile
-  ZelTimer* later;           // runs goOnLater(), null until it is needed
-  ReplyFollower* follower;   // writes the reply, null for the application
-  Connection* previous;      // all connections of all servers, oldest first
-  Connection* next;
-};
-
-Connection* oldest = nullptr;
-Connection* newest = nullptr;
-
-// Walks all connections, whichever of them close meanwhile.
-class Walk {
- public:
-  Walk() : next_(oldest), outer_(innermost) { innermost = this; }
-  ~Walk() { innermost = outer_; }
-  Walk(const Walk&) = delete;
-  Walk& operator=(const Walk&) = delete;
-
-  Connection* next() {
-    Connection* const connection = next_;
-    if (connection != nullptr) next_ = connection->next;
-    return connection;
-  }
-
-  static void stepOver(const Connection* connection) {
-    for (Walk* walk = innermost; walk != nullptr; walk = walk->outer_)
-      if (walk->next_ == connection) walk->next_ = connection->next;
-  }
-
- private:
-  static inline Walk* innermost = nullptr;
-  Connection* next_;
-  Walk* outer_;
-};
-
-void link(Connection* connection) {
-  connection->previous = newest;
-  (newest != nullptr ? newest->next : oldest) = connection;
-  newest = connection;
-}
-
-void unlink(Connection* connection) {
-  Walk::stepOver(connection);
-  (connection->previous != nullptr ? connection->previous->next : oldest) = connection->next;
-  (connection->next != nullptr ? connection->next->previous : newest) = connection->previous;
-}
-
-Connection* connectionOf(const ZelPeer* peer) {
-  return static_cast<Connection*>(static_cast<HttpServerConnection*>(peer_userData(peer)));
-}
-
-ZelPeer* peerOf(Connection* connection) { return connection->request.message.peer; }
 
 // --- states ----------------------------------------------------------------------------------------------------------
 
@@ -173,6 +111,7 @@ void resetStatic(Connection* connection) {
   connection->staticSize = 0;
   connection->staticWriter = nullptr;
   connection->staticRemaining = 0;
+  connection->staticSent = 0;
 }
 
 bool asksToClose(HttpMessage* message, HttpHeader* header) {
@@ -187,9 +126,9 @@ bool asksToClose(HttpMessage* message, HttpHeader* header) {
 // RFC 9112 section 9.3. What is left of a body that was not read to its end would pass for a request.
 bool keepsAlive(Connection* connection) {
   HttpHeader header{};
-  return !connection->server->stopped && !asksToClose(&connection->request.message, &header) &&
-         connection->request.message.versionMinor != 0 && !asksToClose(&connection->reply.message, &header) &&
-         !connection->request.message.bodyCut;
+  return !connection->server->stopped && !connection->reply.message.last &&
+         !asksToClose(&connection->request.message, &header) && connection->request.message.versionMinor != 0 &&
+         !asksToClose(&connection->reply.message, &header) && !connection->request.message.bodyCut;
 }
 
 // Without a handler of the application's, bodies are read and dropped.
@@ -205,6 +144,7 @@ void prepareMessages(Connection* connection) {
   for (HttpMessage* message : messages) message->owner = connection->server;
   connection->request.message.mode = HTTP_MSG_READING;
   connection->reply.message.mode = HTTP_MSG_WRITING;
+  srv_limitRequest(connection);
 }
 
 // --- stopping --------------------------------------------------------------------------------------------------------
@@ -298,6 +238,7 @@ int srv_handleReadInit(Connection* connection, ZelPeer* peer) {
     peer_destroy(peer);
     return kHandled;
   }
+  srv_refuse(connection, connection->request.message.refusal);
   switchTo(connection, HTTP_SERVER_ERROR);
   return kDrop;
 }
@@ -309,16 +250,18 @@ int srv_handleReadHeader(Connection* connection, ZelPeer* peer) {
   TRACE_INFO("reading enveloppe (%d)", peer_socket(peer));
   if (http_requestParse(request) < 0) {
     TRACE_ERROR("unable to parse request");
+    srv_refuse(connection, request->message.refusal);
     return kDrop;
   }
   if (request->message.state > HTTP_MSG_HEADERS) {
+    srv_countRequest(connection);
     http_replyVersionSet(reply, request->message.versionMajor, request->message.versionMinor);
     reply->message.bodyless = request->method == HTTP_METHOD_HEAD;
     const Watch watch(connection);
     const int result =
         connection->server->requestHandler != nullptr ? connection->server->requestHandler(request, reply) : -1;
     if (watch.gone()) return kHandled;
-    if (result < 0) return kDrop;
+    if (result < 0 || !srv_checkBody(connection)) return kDrop;
   }
   if (request->message.state == HTTP_MSG_DONE) switchTo(connection, HTTP_SERVER_REQUEST_RECEIVED);
   return kGoOn;
@@ -350,6 +293,10 @@ int srv_handleReadBody(Connection* connection, ZelPeer* peer) {
   if (watch.gone()) return kHandled;
 
   if (http_requestNeedMoreData(request) && request->message.body != nullptr) clearerr_unlocked(request->message.body);
+  if (request->message.refusal != HTTP_MSG_ACCEPTED) {
+    srv_refuse(connection, request->message.refusal);
+    return kDrop;
+  }
   connection->standsStill = readMark(request->message) == before;
   if (request->message.paused != HTTP_MSG_RUNNING) {
     TRACE_INFO("request is paused, stop processing it");
@@ -547,7 +494,7 @@ void reportClose(Connection* connection, ZelPeer* peer) {
       TRACE_NOTICE("closing kept-alive connection");
       break;
     case HTTP_SERVER_RECEIVING_REQUEST:
-      TRACE_ERROR("client closed connection while reading request");
+      if (connection->refusedFor == HTTP_MSG_ACCEPTED) TRACE_ERROR("client closed connection while reading request");
       if (server->errorHandler != nullptr) server->errorHandler(request, reply);
       break;
     case HTTP_SERVER_SENDING_REPLY:
@@ -563,11 +510,11 @@ void reportClose(Connection* connection, ZelPeer* peer) {
     case HTTP_SERVER_REQUEST_RECEIVED:
     case HTTP_SERVER_REPLY_SENT:
     case HTTP_SERVER_ERROR:
-      TRACE_ERROR("closed while in state %s", nameOf(connection->state));
-      if (server->errorHandler != nullptr) {
-        TRACE_ERROR("calling error handler");
-        server->errorHandler(request, reply);
-      }
+      if (connection->refusedFor == HTTP_MSG_ACCEPTED)
+        TRACE_ERROR("closed while in state %s", nameOf(connection->state));
+      if (server->errorHandler == nullptr) break;
+      if (connection->refusedFor == HTTP_MSG_ACCEPTED) TRACE_ERROR("calling error handler");
+      server->errorHandler(request, reply);
       break;
   }
 }
@@ -589,6 +536,7 @@ bool srv_handleClose(ZelPeer* peer) {
   checkOwnership(connection);
   TRACE_NOTICE("connection closed (%d)", peer_socket(peer));
   if (!server->stopped) reportClose(connection, peer);
+  srv_answerRefusal(connection);
   dismissFollower(connection);
   if (connection->staticFd >= 0) {
     TRACE_NOTICE("cleanup static file descriptor");
@@ -596,9 +544,9 @@ bool srv_handleClose(ZelPeer* peer) {
   }
   releaseMessages(connection);
   zel_timer_destroy(connection->later);
-  unlink(connection);
+  unlinkConnection(connection);
   std::free(connection);
-  --server->connectionCount;
+  if (--server->connectionCount == 0) srv_stopSweeping(server);
   srv_hasStopped(server);
   return true;
 }
@@ -638,6 +586,7 @@ bool attachStreams(Connection* connection, ZelPeer* peer) {
 bool srv_handleAccept(ZelPeer* peer) {
   auto* const server = static_cast<HttpServer*>(peer_userData(peer));
   TRACE_NOTICE("accepting connection (%d)", peer_socket(peer));
+  if (!srv_admit(server, peer)) return false;
   auto owned = makeZeroed<Connection>();
   if (!owned) {
     TRACE_ERROR("unable to allocate resource for peer context: %m");
@@ -654,8 +603,9 @@ bool srv_handleAccept(ZelPeer* peer) {
   peer_setEventHandler(peer, PEER_EVENT_WRITABLE, PEER_DIRECTION_OUT, nullptr);
   peer_setEventHandler(peer, PEER_EVENT_CLOSE, PEER_DIRECTION_NONE, srv_handleClose);
   checkOwnership(connection);
-  link(connection);
+  linkConnection(connection);
   ++server->connectionCount;
+  srv_startSweeping(server);
   switchTo(connection, HTTP_SERVER_ACCEPTED);
   return true;
 }
@@ -785,6 +735,7 @@ bool srv_handleWriteFile(ZelPeer* peer) {
     if (allSent(connection)) break;
     count = connection->staticWriter != nullptr ? connection->staticWriter(peer, connection)
                                                 : detectSendMethod(peer, connection);
+    if (count > 0) connection->staticSent += static_cast<uint64_t>(count);
     if (count > 0 && connection->staticSize != -1) connection->staticRemaining -= static_cast<uint64_t>(count);
     if (count < 0 || errno != 0) {
       if (errno == EAGAIN) return awaitWritable(connection, peer);
@@ -949,6 +900,8 @@ Connection* connectionOfReply(const HttpMessage* reply) {
 
 }  // namespace
 
+bool srv_isSourceEmpty(const Connection* connection) { return sourceIsEmpty(connection); }
+
 void srv_replyCompleted(HttpMessage* reply) {
   Connection* const connection = connectionOfReply(reply);
   if (connection == nullptr) return;
@@ -991,7 +944,8 @@ namespace {
 bool expectsContinue(HttpRequest* request, const HttpReply* reply) {
   const char* const expectation = msg_headerText(&request->message, HTTP_HEADER_EXPECT);
   return expectation != nullptr && strcasecmp(expectation, "100-continue") == 0 && request->message.versionMinor > 0 &&
-         request->message.state == HTTP_MSG_BODY && reply->message.state < HTTP_MSG_BODY;
+         request->message.state == HTTP_MSG_BODY && reply->message.state < HTTP_MSG_BODY &&
+         !isLongerThanAllowed(&request->message);
 }
 
 }  // namespace

@@ -43,14 +43,45 @@ enum HttpMessageOwner { HTTP_MSG_OWNED_BY_NONE = 0, HTTP_MSG_OWNED_BY_CLIENT = 1
 /** Whether a server goes on reading a request. */
 enum HttpMessagePause { HTTP_MSG_RUNNING = 0, HTTP_MSG_PAUSED = 1, HTTP_MSG_TEMPORIZED = 2 };
 
-/** Why the last head was refused. */
+/** Why a message was refused. Those from 6 on come only where limits or strictness were asked for (server.h). */
 enum HttpMessageRefusal {
   HTTP_MSG_ACCEPTED = 0,
   HTTP_MSG_BAD_FIRST_LINE = 1, /**< not three words, or a request where a reply is due, or the reverse */
   HTTP_MSG_BAD_VERSION = 2,
   HTTP_MSG_BAD_METHOD = 3, /**< outside the method table */
   HTTP_MSG_BAD_TARGET = 4, /**< without a '/' */
-  HTTP_MSG_BAD_HEADER = 5
+  HTTP_MSG_BAD_HEADER = 5,
+
+  /* limits */
+  HTTP_MSG_LONG_LINE = 6,  /**< the request line */
+  HTTP_MSG_LARGE_HEAD = 7, /**< first line and headers */
+  HTTP_MSG_MANY_HEADERS = 8,
+  HTTP_MSG_LARGE_BODY = 9,
+  HTTP_MSG_SLOW_HEAD = 10,        /**< not complete in time */
+  HTTP_MSG_STALLED = 11,          /**< a body, or a reply, made no progress for too long */
+  HTTP_MSG_SLOW = 12,             /**< a body came, or a reply was taken, too slowly */
+  HTTP_MSG_IDLE = 13,             /**< no request for too long */
+  HTTP_MSG_MANY_REQUESTS = 14,    /**< on one connection */
+  HTTP_MSG_MANY_CONNECTIONS = 15, /**< on one server */
+  HTTP_MSG_FORGOTTEN = 16,        /**< paused for too long */
+
+  /* strictness */
+  HTTP_MSG_LENGTH_AND_CODING = 17, /**< Content-Length with Transfer-Encoding */
+  HTTP_MSG_REPEATED_LENGTH = 18,
+  HTTP_MSG_BAD_LENGTH = 19,         /**< a Content-Length of anything but digits, or beyond what can be counted */
+  HTTP_MSG_BAD_CODING = 20,         /**< a transfer coding other than exactly "chunked", or one in HTTP/1.0 */
+  HTTP_MSG_BAD_CHUNK = 21,          /**< a chunk's size line or end */
+  HTTP_MSG_BARE_LINE_END = 22,      /**< LF without CR, or CR without LF */
+  HTTP_MSG_CONTROL_BYTE = 23,       /**< in the head; TAB is allowed */
+  HTTP_MSG_BLANK_BEFORE_COLON = 24, /**< in a header line */
+  HTTP_MSG_FOLDED_LINE = 25,        /**< a header line that begins with a blank */
+  HTTP_MSG_BAD_NAME = 26,           /**< of a header: no token */
+  HTTP_MSG_NO_HOST = 27,
+  HTTP_MSG_REPEATED_HOST = 28,
+  HTTP_MSG_OTHER_HOST = 29,    /**< the target names another authority than the Host header */
+  HTTP_MSG_OTHER_VERSION = 30, /**< neither 1.0 nor 1.1 */
+  HTTP_MSG_METHOD_NO_TOKEN = 31,
+  HTTP_MSG_REFUSALS = 32 /**< how many there are */
 };
 
 /** A message. Zeroed, then initialized by its request or reply; the fields are read-only unless said otherwise. */
@@ -69,23 +100,32 @@ typedef struct HttpMessage {
   int type;             /**< HttpMessageType */
   uint8_t versionMajor; /**< HTTP version of the first line */
   uint8_t versionMinor;
-  int mode;           /**< HttpMessageMode; set with http_msgModeSet() */
-  int needMoreData;   /**< the last read stopped because nothing more has arrived yet */
-  FILE *body;         /**< the body stream while it is open */
-  int bodyType;       /**< HttpBodyType, known when the head is complete */
-  void *owner;        /**< the HttpServer or HttpClient that holds the message, not owned */
-  int ownerType;      /**< HttpMessageOwner */
-  void *userData;     /**< the application's, not touched by the library */
-  ZelPeer *peer;      /**< the connection, not owned; set with msg_setPeer() */
-  uint8_t paused;     /**< HttpMessagePause of a request on a server connection */
-  uint8_t refusal;    /**< HttpMessageRefusal of the last head that was read */
-  uint8_t bodyless;   /**< private: the reply may not have a body: what is written of one is accepted and dropped */
-  uint8_t bodyCut;    /**< the body ended, or was closed, before its announced end was read */
-  uint8_t relayed;    /**< private: the body is passed on, and never looked back into */
-  uint8_t inParts;    /**< private: the body is taken apart as it comes: reading it never waits */
-  uint32_t bodyReads; /**< private: how often the body stream has got bytes */
-  uint32_t bodyAhead; /**< private: bytes that the body stream's context holds read ahead */
-  uint32_t headLimit; /**< private: a head that takes more bytes fails; 0: none does */
+  int mode;             /**< HttpMessageMode; set with http_msgModeSet() */
+  int needMoreData;     /**< the last read stopped because nothing more has arrived yet */
+  FILE *body;           /**< the body stream while it is open */
+  int bodyType;         /**< HttpBodyType, known when the head is complete */
+  void *owner;          /**< the HttpServer or HttpClient that holds the message, not owned */
+  int ownerType;        /**< HttpMessageOwner */
+  void *userData;       /**< the application's, not touched by the library */
+  ZelPeer *peer;        /**< the connection, not owned; set with msg_setPeer() */
+  uint8_t paused;       /**< HttpMessagePause of a request on a server connection */
+  uint8_t refusal;      /**< HttpMessageRefusal of the last head that was read */
+  uint8_t bodyless;     /**< private: the reply may not have a body: what is written of one is accepted and dropped */
+  uint8_t bodyCut;      /**< the body ended, or was closed, before its announced end was read */
+  uint8_t relayed;      /**< private: the body is passed on, and never looked back into */
+  uint8_t inParts;      /**< private: the body is taken apart as it comes: reading it never waits */
+  uint32_t bodyReads;   /**< private: how often the body stream has got bytes */
+  uint32_t bodyAhead;   /**< private: bytes that the body stream's context holds read ahead */
+  uint32_t headLimit;   /**< private: a head that takes more bytes fails; 0: none does */
+  uint32_t lineLimit;   /**< private: the same for the first line */
+  uint32_t headerLimit; /**< private: the same for the number of headers */
+  uint32_t headerCount; /**< private: headers read */
+  uint64_t bodyLimit;   /**< private: a body of more bytes fails; 0: none does */
+  uint64_t bodyCount;   /**< private: bytes of the body read */
+  uint32_t authorityStart;  /**< private: where the target's authority stands in the buffer */
+  uint32_t authorityLength; /**< private: its length, 0 when there is none */
+  uint8_t strict;           /**< private: what is ambiguous is refused */
+  uint8_t last;             /**< private: a reply that ends its connection, which its head says */
 } HttpMessage;
 
 /* --- the buffer and its lines ------------------------------------------------------------------------------------ */

@@ -1,0 +1,109 @@
+// The connections of all servers, as the files of the server share them.
+#pragma once
+
+#include <krohttp/server.h>
+#include <zel/timer.h>
+
+#include <cstdint>
+
+#include "server_internal.h"
+
+// What a connection is doing, for whoever looks at the time.
+struct ConnectionClock {
+  int phase = 0;
+  uint32_t request = 0;   // which one of the connection
+  uint32_t seconds = 0;   // in this phase
+  uint32_t still = 0;     // seconds without progress
+  uint64_t position = 0;  // how far the body or the reply is
+  uint32_t windowSeconds = 0;
+  uint64_t windowBytes = 0;
+  bool windowCounts = false;  // not the first one, and all of it could be measured
+};
+
+// A connection with what only the server needs to know.
+struct Connection : HttpServerConnection {
+  bool corked;               // the socket takes TCP_CORK
+  bool uncorked;             // until the next request everything leaves at once
+  bool lagging;              // the reader could not take all of this reply at once
+  bool standsStill;          // the body's handler has read nothing
+  bool replyDoneTold;        // replyDoneHandler has been called for this reply
+  uint64_t staticRemaining;  // bytes still to send of a regular file, as announced: it may grow or shrink meanwhile
+  uint64_t staticSent;       // of any descriptor
+  ZelTimer* later;           // runs goOnLater(), null until it is needed
+  ReplyFollower* follower;   // writes the reply, null for the application
+  uint8_t refusedFor;        // HttpMessageRefusal that ends the connection
+  uint32_t requests;         // heads that were complete
+  ConnectionClock clock;
+  Connection* previous;  // all connections of all servers, oldest first
+  Connection* next;
+};
+
+inline Connection* oldestConnection = nullptr;
+inline Connection* newestConnection = nullptr;
+
+// Walks all connections, whichever of them close meanwhile.
+class Walk {
+ public:
+  Walk() : next_(oldestConnection), outer_(innermost) { innermost = this; }
+  ~Walk() { innermost = outer_; }
+  Walk(const Walk&) = delete;
+  Walk& operator=(const Walk&) = delete;
+
+  Connection* next() {
+    Connection* const connection = next_;
+    if (connection != nullptr) next_ = connection->next;
+    return connection;
+  }
+
+  static void stepOver(const Connection* connection) {
+    for (Walk* walk = innermost; walk != nullptr; walk = walk->outer_)
+      if (walk->next_ == connection) walk->next_ = connection->next;
+  }
+
+ private:
+  static inline Walk* innermost = nullptr;
+  Connection* next_;
+  Walk* outer_;
+};
+
+inline void linkConnection(Connection* connection) {
+  connection->previous = newestConnection;
+  (newestConnection != nullptr ? newestConnection->next : oldestConnection) = connection;
+  newestConnection = connection;
+}
+
+inline void unlinkConnection(Connection* connection) {
+  Walk::stepOver(connection);
+  (connection->previous != nullptr ? connection->previous->next : oldestConnection) = connection->next;
+  (connection->next != nullptr ? connection->next->previous : newestConnection) = connection->previous;
+}
+
+inline Connection* connectionOf(const ZelPeer* peer) {
+  return static_cast<Connection*>(static_cast<HttpServerConnection*>(peer_userData(peer)));
+}
+
+inline ZelPeer* peerOf(Connection* connection) { return connection->request.message.peer; }
+
+// Counts @p reason. The caller ends the connection; the application may answer then, or srv_answerRefusal() does.
+void srv_refuse(Connection* connection, uint8_t reason);
+void srv_answerRefusal(Connection* connection);
+
+// A message that is about to be read gets its limits.
+void srv_limitRequest(Connection* connection);
+
+// Whether @p server takes one more connection; one that it does not take is told so.
+bool srv_admit(HttpServer* server, ZelPeer* peer);
+
+// The announced length is more than the request may have.
+bool isLongerThanAllowed(const HttpMessage* request);
+
+// The head of a request is complete: the limits that show only then. False when it was refused.
+bool srv_checkBody(Connection* connection);
+void srv_countRequest(Connection* connection);
+
+// A descriptor that has nothing to send now.
+bool srv_isSourceEmpty(const Connection* connection);
+
+// The time is looked at as long as there are connections.
+void srv_startSweeping(HttpServer* server);
+void srv_stopSweeping(HttpServer* server);
