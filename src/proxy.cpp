@@ -100,9 +100,14 @@ void resumeRequest(HttpProxy* proxy) {
   if (proxy->request != nullptr) http_serverResumeRequest(proxy->request);
 }
 
-bool answerGatewayTimeout(HttpProxy* proxy) {
+// Whether a strict reader refused what the target sent.
+bool isRefused(const HttpMessage& forwardReply) {
+  return forwardReply.strict && forwardReply.refusal != HTTP_MSG_ACCEPTED;
+}
+
+bool answerForTarget(HttpProxy* proxy) {
   if (http_replyState(proxy->reply) != HTTP_MSG_FIRST_LINE) return false;
-  http_replyWithDefault(proxy->reply, 504);
+  http_replyWithDefault(proxy->reply, isRefused(proxy->forwardReply->message) ? 502 : 504);
   switchTo(proxy, HTTP_PROXY_FORWARDING_CLIENT_REPLY);
   return true;
 }
@@ -111,7 +116,7 @@ bool answerGatewayTimeout(HttpProxy* proxy) {
 // gone afterwards.
 void giveUp(HttpProxy* proxy) {
   resumeRequest(proxy);
-  if (!isExiting(proxy) && answerGatewayTimeout(proxy)) return;
+  if (!isExiting(proxy) && answerForTarget(proxy)) return;
   proxy->exchange->handedOver = true;
   switchTo(proxy, HTTP_PROXY_ERROR);
   srv_cut(proxy->reply);
@@ -303,7 +308,7 @@ void proxy_handleServerError(HttpReply*, HttpRequest* forwardRequest) {
   HttpProxy* const proxy = proxyOf(forwardRequest);
   if (isExiting(proxy)) return;
   TRACE_ERROR("server error %s", pathOf(proxy));
-  if (proxy->reply != nullptr) answerGatewayTimeout(proxy);
+  if (proxy->reply != nullptr) answerForTarget(proxy);
 }
 
 // The last that is heard of the target, whatever happened to it.
@@ -346,6 +351,16 @@ int makeExchange(HttpProxy* proxy) {
   return startTimeout(proxy) ? 0 : -1;
 }
 
+// The target may do to the proxy what the browser may.
+void limitReply(const HttpProxy* proxy) {
+  const HttpMessage& request = proxy->request->message;
+  HttpMessage* const forwardReply = &proxy->forwardReply->message;
+  forwardReply->strict = request.strict;
+  forwardReply->lineLimit = request.lineLimit;
+  forwardReply->headLimit = request.headLimit;
+  forwardReply->headerLimit = request.headerLimit;
+}
+
 int makeMessages(HttpProxy* proxy) {
   proxy->forwardRequest = http_requestCreate();
   if (proxy->forwardRequest == nullptr) {
@@ -357,6 +372,7 @@ int makeMessages(HttpProxy* proxy) {
     TRACE_ERROR("unable to allocate ws reply: %m");
     return -1;
   }
+  limitReply(proxy);
   http_requestUserDataSet(proxy->forwardRequest, proxy);
   http_replyUserDataSet(proxy->forwardReply, proxy);
   return 0;
@@ -398,6 +414,14 @@ int copyHeaders(HttpProxy* proxy) {
   return 0;
 }
 
+// To a strict reader a request that says nothing of a body has none. The target is told so.
+int announceNoBody(HttpProxy* proxy) {
+  HttpMessage* const request = &proxy->request->message;
+  const bool isTold = !request->strict || !msg_hasBody(request) || http_msgHasBody(request) ||
+                      msg_headerText(request, HTTP_HEADER_CONTENT_LENGTH) != nullptr;
+  return isTold ? 0 : msg_headerCopy(&proxy->forwardRequest->message, "Content-Length", "0");
+}
+
 int sendHead(HttpProxy* proxy) {
   const CString uri(http_uriSerialize(http_requestURI(proxy->request)));
   if (!uri) {
@@ -407,7 +431,7 @@ int sendHead(HttpProxy* proxy) {
   http_requestVersionSet(proxy->forwardRequest, 1, 1);
   TRACE_INFO("forwarding request for %s", uri.get());
   if (http_requestMethodSet(proxy->forwardRequest, http_requestMethod(proxy->request), uri.get()) < 0 ||
-      copyHeaders(proxy) < 0)
+      copyHeaders(proxy) < 0 || announceNoBody(proxy) < 0)
     return -1;
   if (http_requestSend(proxy->forwardRequest) == 0) return 0;
   TRACE_ERROR("unable to send request");
