@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "access_log.h"
+#include "heap.h"
 #include "routes.h"
 #include "upload.h"
 #include "users.h"
@@ -55,6 +56,7 @@ Counters count() {
   for (const auto& server : daemon_->servers) {
     counters.connections += server->connectionCount;
     counters.replies += server->repliesSent;
+    for (int reason = 0; reason < HTTP_MSG_REFUSALS; ++reason) counters.refused[reason] += server->refused[reason];
   }
   return counters;
 }
@@ -66,7 +68,7 @@ std::string describe(const ListenAddress& address, unsigned port) {
   return "http://" + host + ":" + std::to_string(port) + "/";
 }
 
-bool listenOn(const ListenAddress& address) {
+bool listenOn(const ListenAddress& address, const HttpServerLimits& limits) {
   ZelConnection* const connection = daemon_->connection.get();
   errno = 0;
   ZelPeer* const peer = address.local ? connection_listenOnIPC(connection, address.host.c_str())
@@ -83,7 +85,7 @@ bool listenOn(const ListenAddress& address) {
   server->stoppedHandler = [](HttpServer*) {
     if (--daemon_->running == 0) zel_loop_stop();
   };
-  if (http_serverStart(server.get()) < 0) return false;
+  if (http_serverLimitsSet(server.get(), &limits) < 0 || http_serverStart(server.get()) < 0) return false;
   std::printf("krohttpd: listening on %s\n", describe(address, peer_localPort(peer)).c_str());
   std::fflush(stdout);
   daemon_->servers.push_back(std::move(server));
@@ -109,7 +111,7 @@ void onSignal(int, void*) {
 
 int serve(const Options& options) {
   for (const ListenAddress& address : options.listen)
-    if (!listenOn(address)) return kFailed;
+    if (!listenOn(address, options.limits)) return kFailed;
   if (!zel_loop_onSignal(SIGINT, onSignal, nullptr) || !zel_loop_onSignal(SIGTERM, onSignal, nullptr)) {
     std::fprintf(stderr, "krohttpd: cannot handle signals: %s\n", error_string(zel_error));
     return kFailed;
@@ -147,9 +149,13 @@ int daemonRun(const Options& options) {
   routesSetUp(options, users, count, daemon.connection.get());
   const int status = serve(options);
   routesTearDown();
+  heapTearDown();
   daemon.deadline.reset();
   // The loop has ended: nobody would be told, and what it takes to tell would be left over.
-  for (const auto& server : daemon.servers) server->stoppedHandler = nullptr;
+  for (const auto& server : daemon.servers) {
+    server->stoppedHandler = nullptr;
+    http_serverLimitsSet(server.get(), nullptr);
+  }
   daemon.connection.reset();
   zel_loop_close();
   accessLogClose();

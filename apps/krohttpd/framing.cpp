@@ -53,7 +53,8 @@ uint64_t announcedLength(HttpRequest* request) {
 }
 
 int settleBody(HttpRequest* request) {
-  if (http_requestState(request) != HTTP_MSG_BODY || http_requestBodyType(request) != HTTP_BODY_UNTIL_CLOSE) return 0;
+  if (!rq_hasBody(request) || http_requestHeaderValue(request, "Content-Length") != nullptr) return 0;
+  if (http_requestHeaderValue(request, "Transfer-Encoding") != nullptr) return 0;
   return http_requestHeaderValueSet(request, "Content-Length", "0") < 0 ? -1 : http_requestDone(request);
 }
 

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "limits.h"
 #include "prefix.h"
 
 namespace {
@@ -166,6 +167,17 @@ void addUploadOptions(CLI::App& app, std::vector<std::string>* uploads, std::str
       ->default_str("0");
 }
 
+void addLimitOptions(CLI::App& app, Options* options, std::vector<std::string>* limits) {
+  app.add_option("--limit", *limits,
+                 "Change what clients may do; 0 for no limit; repeatable. Names and defaults: " + describeLimits())
+      ->type_name("NAME=VALUE")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  app.add_flag_callback(
+      "--lenient", [options] { options->limits.strict = 0; },
+      "Take requests that another server could read in another way; only for clients that are known");
+}
+
 // Adding a user is all that is done then.
 NewUser parseNewUser(const CLI::App& app, const std::vector<std::string>& values) {
   for (const CLI::Option* option : app.get_options())
@@ -182,6 +194,7 @@ Options parse(CLI::App& app, int argc, char** argv) {
   std::vector<std::string> traces;
   std::vector<std::string> proxies;
   std::vector<std::string> uploads;
+  std::vector<std::string> limits;
   std::string maxUpload = "0";
   std::string root;
   app.add_option("--listen", listen, "Where to listen: HOST:PORT, [IPv6]:PORT or unix:PATH; repeatable")
@@ -211,6 +224,7 @@ Options parse(CLI::App& app, int argc, char** argv) {
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   addUploadOptions(app, &uploads, &maxUpload);
+  addLimitOptions(app, &options, &limits);
   addLoginOptions(app, &options, &protections, &newUser);
   app.set_version_flag("--version", "krohttpd " KROHTTPD_VERSION);
   app.parse(argc, argv);
@@ -225,6 +239,9 @@ Options parse(CLI::App& app, int argc, char** argv) {
   for (const std::string& proxy : proxies) options.proxies.push_back(parseProxy(proxy));
   for (const std::string& upload : uploads) addRule("--upload", parseUpload(upload), &options.uploads);
   options.maxUpload = parseSize(maxUpload);
+  for (const std::string& limit : limits)
+    if (const std::string problem = changeLimit(&options.limits, limit); !problem.empty())
+      refuse("--limit: " + problem);
   for (const std::string& protection : protections)
     addRule("--protect", parseProtection(protection), &options.protections);
   if (!protections.empty() && options.authFile.empty()) refuse("--protect: who may log in? give --auth-file FILE");

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "limits.h"
+
 struct ListenAddress {
   bool local = false;  // a Unix socket at host
   std::string host;
@@ -56,7 +58,8 @@ struct Options {
   std::string authFile;  // empty: none
   std::vector<Protection> protections;
   std::vector<Upload> uploads;
-  uint64_t maxUpload = 0;          // bytes of the files of one form; 0: no limit
+  uint64_t maxUpload = 0;  // bytes of the files of one form; 0: no limit
+  HttpServerLimits limits = defaultLimits();
   unsigned sessionTimeout = 1800;  // seconds without activity; 0: no limit
   std::optional<NewUser> newUser;
 };

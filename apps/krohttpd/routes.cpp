@@ -11,7 +11,9 @@
 #include "echo.h"
 #include "forward.h"
 #include "framing.h"
+#include "heap.h"
 #include "identity.h"
+#include "limits.h"
 #include "login.h"
 #include "protection.h"
 #include "refusal.h"
@@ -43,10 +45,12 @@ long residentMemory() {
 
 int replyWithCounters(HttpRequest* request, HttpReply* reply) {
   const Counters counters = currentCounters();
-  char json[256];
+  char json[1536];
   const int length = std::snprintf(
-      json, sizeof json, "{\"version\":\"%s\",\"connections\":%ld,\"replies\":%ld,\"uptime\":%ld,\"memory\":%ld}\n",
-      KROHTTPD_VERSION, counters.connections, counters.replies, counters.uptime, residentMemory());
+      json, sizeof json,
+      "{\"version\":\"%s\",\"connections\":%ld,\"replies\":%ld,\"uptime\":%ld,\"memory\":%ld,\"refused\":%s}\n",
+      KROHTTPD_VERSION, counters.connections, counters.replies, counters.uptime, residentMemory(),
+      refusalsAsJson(counters.refused).c_str());
   return replyWithText(request, reply, 200, "application/json", {json, static_cast<size_t>(length)});
 }
 
@@ -127,6 +131,7 @@ int answer(HttpRequest* request, HttpReply* reply) {
 // --- handlers --------------------------------------------------------------------------------------------------------
 
 int onRequest(HttpRequest* request, HttpReply* reply) {
+  heapTrimLater();
   // This server speaks HTTP/1.1, whatever higher version was asked for.
   if (http_requestVersion(request)[0] != 1 || http_requestVersion(request)[1] > 1) http_replyVersionSet(reply, 1, 1);
   return answer(request, reply);
@@ -163,23 +168,12 @@ void onReplyDone(HttpReply* reply, HttpRequest* request) {
   endExchange(request);
 }
 
-unsigned statusOfRefusal(uint8_t refusal) {
-  switch (refusal) {
-    case HTTP_MSG_BAD_METHOD:
-      return 501;
-    case HTTP_MSG_BAD_VERSION:
-      return 505;
-    default:
-      return 400;
-  }
-}
-
 // A head that could not be parsed is answered before its connection closes.
 void onError(HttpRequest* request, HttpReply* reply) {
-  const uint8_t refusal = request->message.refusal;
-  if (refusal != HTTP_MSG_ACCEPTED && http_replyState(reply) == HTTP_MSG_FIRST_LINE) {
+  const unsigned status = http_serverRefusalStatus(request->message.refusal);
+  if (status != 0 && http_replyState(reply) == HTTP_MSG_FIRST_LINE) {
     http_replyVersionSet(reply, 1, 1);
-    if (announceClose(reply) == 0) replyWithStatus(request, reply, statusOfRefusal(refusal));
+    if (announceClose(reply) == 0) replyWithStatus(request, reply, status);
   }
   if (http_replyStatusCode(reply) != 0) writeLog(request, reply);
   endExchange(request);

@@ -13,6 +13,7 @@ struct Counters {
   long connections = 0;
   long replies = 0;
   long uptime = 0;  // seconds
+  uint64_t refused[HTTP_MSG_REFUSALS] = {};
 };
 
 // Prepares the routes for @p options; @p counters is asked at each /status. Forwarded requests go over @p connection.

@@ -226,21 +226,22 @@ TEST_P(FramingTest, TargetFindsOneRequest) {
 struct ReplyCase {
   const char* name;
   std::string reply;
-  unsigned status;  // of what the browser gets
+  unsigned status;   // of what the browser gets
+  unsigned lenient;  // the same with --lenient
 };
 void PrintTo(const ReplyCase& row, std::ostream* out) { *out << row.name; }
 const ReplyCase kReplies[] = {
-    {"Plain", okReply("hello"), 200},
-    {"Chunked", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + chunked("hello"), 200},
+    {"Plain", okReply("hello"), 200, 200},
+    {"Chunked", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + chunked("hello"), 200, 200},
     {"LengthAndChunked", "HTTP/1.1 200 OK\r\nContent-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n" + chunked("abc"),
-     502},
-    {"TwoLengths", "HTTP/1.1 200 OK\r\nContent-Length: 3\r\nContent-Length: 5\r\n\r\nhello", 502},
-    {"LengthOfNoDigits", "HTTP/1.1 200 OK\r\nContent-Length: 5x\r\n\r\nhello", 502},
-    {"BlankBeforeTheColon", "HTTP/1.1 200 OK\r\nContent-Length : 5\r\n\r\nhello", 502},
-    {"OtherProtocol", "HTTP/1.1 101 Switching Protocols\r\nUpgrade: x\r\n\r\nbytes", 502},
-    {"NoHttp", "hello\r\n\r\n", 504},
-    {"UnknownCoding", "HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip\r\n\r\nhello", 504},
-    {"Nothing", "", 504},
+     502, 502},
+    {"TwoLengths", "HTTP/1.1 200 OK\r\nContent-Length: 3\r\nContent-Length: 5\r\n\r\nhello", 502, 502},
+    {"LengthOfNoDigits", "HTTP/1.1 200 OK\r\nContent-Length: 5x\r\n\r\nhello", 502, 502},
+    {"BlankBeforeTheColon", "HTTP/1.1 200 OK\r\nContent-Length : 5\r\n\r\nhello", 502, 502},
+    {"OtherProtocol", "HTTP/1.1 101 Switching Protocols\r\nUpgrade: x\r\n\r\nbytes", 502, 502},
+    {"NoHttp", "hello\r\n\r\n", 502, 504},
+    {"UnknownCoding", "HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip\r\n\r\nhello", 502, 504},
+    {"Nothing", "", 504, 504},
 };
 class ReplyTest : public KrohttpdProxyTest, public ::testing::WithParamInterface<ReplyCase> {};
 INSTANTIATE_TEST_SUITE_P(KrohttpdProxy, ReplyTest, ::testing::ValuesIn(kReplies),
@@ -249,9 +250,21 @@ INSTANTIATE_TEST_SUITE_P(KrohttpdProxy, ReplyTest, ::testing::ValuesIn(kReplies)
 TEST_P(ReplyTest, HasACertainEndOrIsReplaced) {
   target().always(WireScript().request().send(GetParam().reply).leave());
   start();
-  const WireReply reply = ask(kGet);
-  EXPECT_EQ(reply.status(), GetParam().status);
-  EXPECT_EQ(reply.header("Connection"), GetParam().status == 504 ? "" : "close");
+  EXPECT_EQ(ask(kGet).status(), GetParam().status);
+}
+
+TEST_P(ReplyTest, HasACertainEndOrIsReplacedByALenientDaemonToo) {
+  target().always(WireScript().request().send(GetParam().reply).leave());
+  start({"--lenient"});
+  EXPECT_EQ(ask(kGet).status(), GetParam().lenient);
+}
+
+// The browser asks for the end of the connection. What comes from the library instead of the target does not say so.
+TEST_P(ReplyTest, SaysThatTheConnectionEnds) {
+  target().always(WireScript().request().send(GetParam().reply).leave());
+  start();
+  const bool says = GetParam().status == 200 || GetParam().name == std::string_view("OtherProtocol");
+  EXPECT_EQ(ask(kGet).header("Connection"), says ? "close" : "");
 }
 
 TEST_F(KrohttpdProxyTest, ATargetThatSaysNothingIsGivenUp) {

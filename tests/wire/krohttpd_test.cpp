@@ -231,11 +231,28 @@ TEST_F(KrohttpdTest, Status) {
   std::smatch values;
   const std::regex form(
       "\\{\"version\":\"" KROHTTPD_VERSION
-      "\",\"connections\":([0-9]+),\"replies\":([0-9]+),\"uptime\":([0-9]+),\"memory\":([0-9]+)\\}\\s*");
+      "\",\"connections\":([0-9]+),\"replies\":([0-9]+),\"uptime\":([0-9]+),\"memory\":([0-9]+),"
+      "\"refused\":\\{\\}\\}\\s*");
   ASSERT_TRUE(std::regex_match(reply.body, values, form)) << reply.body;
   EXPECT_EQ(values[1], "2");  // the idle one and this one
   EXPECT_EQ(values[2], "1");
   EXPECT_GT(atol(values[4].str().c_str()), 0);
+}
+
+TEST_F(KrohttpdTest, StatusTellsWhatWasRefused) {
+  Daemon daemon(demo({"--limit", "line=100"}));
+  EXPECT_EQ(askOne(daemon.address(), "GET /hello HTTP/1.1\r\n\r\n").status(), 400u);
+  EXPECT_EQ(askOne(daemon.address(), "GET /hello HTTP/3.0\r\n\r\n").status(), 505u);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(askOne(daemon.address(), get("/" + std::string(100, 'x'))).status(), 414u);
+  const std::string counted = R"("refused":{"long-line":2,"no-host":1,"other-version":1}})";
+  EXPECT_TRUE(askOne(daemon.address(), get("/status")).body.ends_with(counted + "\n"));
+}
+
+TEST_F(KrohttpdTest, LenientTakesWhatItCanGuess) {
+  const std::string bare = "GET /hello HTTP/1.1\nHost: xy\n\n";
+  EXPECT_EQ(askOne(Daemon(demo()).address(), bare).status(), 400u);
+  Daemon daemon(demo({"--lenient"}));
+  EXPECT_EQ(askOne(daemon.address(), "GET /hello HTTP/1.2\r\nHost: x\r\nConnection: close\r\n\r\n").status(), 200u);
 }
 
 struct EchoCase {

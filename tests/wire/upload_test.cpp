@@ -625,7 +625,8 @@ TEST_P(RefusedUploadTest, LeavesNothing) {
   const WireReply reply = ask(GetParam().wire);
   EXPECT_EQ(reply.status(), GetParam().status) << reply.wire;
   EXPECT_EQ(reply.header("Allow"), GetParam().status == 405 ? "GET, HEAD, POST, OPTIONS" : "");
-  EXPECT_EQ(reply.header("Connection"), GetParam().wire.starts_with("DELETE") ? "" : "close");
+  const bool hasNoBody = GetParam().wire.starts_with("DELETE") || GetParam().wire == requestHead("POST", kFormType);
+  EXPECT_EQ(reply.header("Connection"), hasNoBody ? "" : "close");
   EXPECT_EQ(stored(), Files{});
   EXPECT_TRUE(hasForgotten());
   EXPECT_EQ(ask(post(kGood)).status(), 200u);
