@@ -17,11 +17,15 @@ namespace zel {
 
 namespace {
 
+constexpr int kMostUnsent = 256 * 1024;
+
 bool bindTo(int fd, const sockaddr* address, socklen_t length) {
   const int on = 1;
   const int off = 0;
   if (address->sa_family != AF_UNIX) setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
   if (address->sa_family == AF_INET6) setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof(off));
+  // Accepted sockets take it over. The kernel would keep megabytes for each client that does not read.
+  if (address->sa_family != AF_UNIX) setsockopt(fd, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &kMostUnsent, sizeof(kMostUnsent));
   return bind(fd, address, length) == 0;
 }
 
