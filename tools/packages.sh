@@ -30,6 +30,7 @@ bench  lighttpd           a server to compare with
 bench  libmicrohttpd-dev  a library to compare with
 fuzz   clang              builds the fuzz targets
 fuzz   libclang-rt-dev    libFuzzer, and the sanitizers for clang
+cover  gcovr              counts lines and branches that the tests have reached
 lint   clang-format       the layout of the sources
 lint   clang-tidy         static analysis
 lint   shellcheck         static analysis of the shell scripts
