@@ -12,8 +12,8 @@ static char root[PATH_MAX + 1];
 static int send_file(HttpRequest *request, HttpReply *reply) {
   const int method = http_requestMethod(request);
   if (method != HTTP_METHOD_GET && method != HTTP_METHOD_HEAD) return http_replyWithDefault(reply, 405);
-  http_serverRequestSendFile(request, reply, root); /* refuses with a page of its own */
-  return 0;
+  if (http_serverRequestSendFile(request, reply, root) == 0) return 0;
+  return http_replyState(reply) == HTTP_MSG_FIRST_LINE ? -1 : 0; /* else it has refused with a page of its own */
 }
 
 static void stopped(HttpServer *server) {

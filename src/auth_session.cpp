@@ -70,10 +70,14 @@ CString drawId() {
     TRACE_ERROR("unable to open /dev/urandom: %m");
     return nullptr;
   }
-  unsigned char bytes[kIdBytes] = {};
-  if (read(random.get(), bytes, sizeof bytes) < 0) {
-    TRACE_ERROR("unable to read %u bytes from /dev/urandom: %m", kIdBytes);
-    return nullptr;
+  unsigned char bytes[kIdBytes];
+  for (size_t filled = 0; filled < sizeof bytes;) {
+    const ssize_t count = read(random.get(), bytes + filled, sizeof bytes - filled);
+    if (count <= 0) {
+      TRACE_ERROR("unable to read %u bytes from /dev/urandom: %m", kIdBytes);
+      return nullptr;
+    }
+    filled += static_cast<size_t>(count);
   }
   char* id = nullptr;
   if (http_base64Encode(bytes, sizeof bytes, &id) < 0) TRACE_ERROR("unable to generate session id");

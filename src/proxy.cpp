@@ -107,7 +107,7 @@ bool isRefused(const HttpMessage& forwardReply) {
 
 bool answerForTarget(HttpProxy* proxy) {
   if (http_replyState(proxy->reply) != HTTP_MSG_FIRST_LINE) return false;
-  http_replyWithDefault(proxy->reply, isRefused(proxy->forwardReply->message) ? 502 : 504);
+  if (http_replyWithDefault(proxy->reply, isRefused(proxy->forwardReply->message) ? 502 : 504) < 0) return false;
   switchTo(proxy, HTTP_PROXY_FORWARDING_CLIENT_REPLY);
   return true;
 }
@@ -299,8 +299,12 @@ void proxy_handleServerReplyDone(HttpReply* forwardReply, HttpRequest* forwardRe
     TRACE_ERROR("reply body is shorter than announced");
     return giveUp(proxy);
   }
-  if (FILE* const body = http_replyBody(proxy->reply)) std::fclose(body);
-  http_replyDone(proxy->reply);
+  FILE* const body = http_replyBody(proxy->reply);
+  const bool closed = body == nullptr || std::fclose(body) == 0;
+  if (http_replyDone(proxy->reply) < 0 || !closed) {
+    TRACE_ERROR("unable to forward reply body");
+    return giveUp(proxy);
+  }
   switchTo(proxy, HTTP_PROXY_FORWARDING_CLIENT_REPLY);
 }
 

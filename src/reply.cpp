@@ -119,11 +119,13 @@ int http_replyStatusCodeSet(HttpReply* reply, unsigned code, const char* reason)
     TRACE_ERROR("unable to set status line");
     return -1;
   }
+  reply->reason = nullptr;
   StatusLine line(*message, code, reason);
   const int set = line.text() != nullptr ? msg_setFirstLine(message, line.text(), line.length())
                                          : msg_setStatusLine(message, "HTTP/%u.%u %u %s", message->versionMajor,
                                                              message->versionMinor, code, reason);
-  if (set < 0) {
+  // In front of headers a line for which there is no memory shows only in what it has not set.
+  if (set < 0 || (reply->reason == nullptr && message->state != HTTP_MSG_FAILED)) {
     TRACE_ERROR("unable to set status line");
     return -1;
   }

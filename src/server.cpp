@@ -118,7 +118,8 @@ bool asksToClose(HttpMessage* message, HttpHeader* header) {
   const char* const text = msg_headerText(message, HTTP_HEADER_CONNECTION);
   if (text == nullptr || strcasecmp(text, "keep-alive") == 0) return false;  // what nearly all messages say
   header->code = HTTP_HEADER_CONNECTION;
-  const bool asked = http_hdrFactory(header, text) == 0 && (header->connection.flags & HTTP_CONNECTION_CLOSE) != 0;
+  // Who cannot read it, for want of memory, must not let the other side wait for an end that was announced.
+  const bool asked = http_hdrFactory(header, text) < 0 || (header->connection.flags & HTTP_CONNECTION_CLOSE) != 0;
   http_hdrCleanup(header);
   return asked;
 }
@@ -761,8 +762,8 @@ bool srv_handleWriteFileReplyDone(ZelPeer* peer) {
   return true;
 }
 
-// Says in the reply's head how its body will end.
-void announceDescriptor(Connection* connection, HttpReply* reply, int descriptor) {
+// Says in the reply's head how its body will end. False when it cannot be said.
+bool announceDescriptor(Connection* connection, HttpReply* reply, int descriptor) {
   struct stat status;
   if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
     TRACE_NOTICE("fd is backed by a file (%lu), Content-Length: %li", static_cast<unsigned long>(status.st_ino),
@@ -770,15 +771,14 @@ void announceDescriptor(Connection* connection, HttpReply* reply, int descriptor
     HttpHeader length{};
     length.code = HTTP_HEADER_CONTENT_LENGTH;
     length.contentLength.length = static_cast<uint64_t>(status.st_size);
-    http_replyHeaderSet(reply, &length);
     connection->staticSize = static_cast<int32_t>(status.st_size);
     connection->staticRemaining = static_cast<uint64_t>(status.st_size);
-  } else {
-    TRACE_NOTICE("fd is not backed by a file, will close connection on EOF");
-    http_replyHeaderValueSet(reply, "Connection", "close");
-    connection->staticSize = -1;
-    connection->staticRemaining = 0;
+    return http_replyHeaderSet(reply, &length) == 0;
   }
+  TRACE_NOTICE("fd is not backed by a file, will close connection on EOF");
+  connection->staticSize = -1;
+  connection->staticRemaining = 0;
+  return http_replyHeaderValueSet(reply, "Connection", "close") == 0;
 }
 
 // Opens for reading without ever waiting, should the path name a pipe meanwhile.
@@ -880,9 +880,12 @@ int sendResolved(HttpReply* reply, const char* path, bool gzip) {
   // Opened before the head says what it is: the file may be gone by now, and the refusal is not gzipped.
   const int descriptor = openFile(path);
   if (descriptor < 0) return answer(reply, 404);
-  if (gzip) http_replyHeaderValueSet(reply, "Content-Encoding", "gzip");
-  if (const char* const type = contentTypeOf(path)) http_replyHeaderValueSet(reply, "Content-Type", "%s", type);
-  return http_serverSendFd(reply, descriptor);
+  const char* const type = contentTypeOf(path);
+  if ((!gzip || http_replyHeaderValueSet(reply, "Content-Encoding", "gzip") == 0) &&
+      (type == nullptr || http_replyHeaderValueSet(reply, "Content-Type", "%s", type) == 0))
+    return http_serverSendFd(reply, descriptor);
+  close(descriptor);
+  return -1;
 }
 
 }  // namespace
@@ -1038,7 +1041,12 @@ int http_serverSendFd(HttpReply* reply, int descriptor) {
     return -1;
   }
   resetStatic(connection);
-  announceDescriptor(connection, reply, descriptor);
+  if (!announceDescriptor(connection, reply, descriptor)) {
+    TRACE_ERROR("unable to send reply");
+    close(descriptor);
+    resetStatic(connection);
+    return -1;
+  }
   if (reply->message.bodyless) {
     // The answer to HEAD is the head alone.
     close(descriptor);

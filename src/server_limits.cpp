@@ -67,8 +67,11 @@ constexpr Refusal kRefusals[] = {{"none", 0, nullptr},
                                  {"method-no-token", 400, "Bad Request"}};
 static_assert(std::size(kRefusals) == HTTP_MSG_REFUSALS);
 
-// Nothing of a reply has been sent.
-bool isUnanswered(const Connection* connection) { return connection->reply.message.state < HTTP_MSG_BODY; }
+// A request is there, or has begun, and nothing of its reply has been sent.
+bool isUnanswered(const Connection* connection) {
+  const bool begun = connection->state > HTTP_SERVER_ACCEPTED || connection->request.message.fill > 0;
+  return begun && connection->reply.message.state < HTTP_MSG_BODY;
+}
 
 void answer(HttpReply* reply, const Refusal& with) {
   http_replyReset(reply);
@@ -92,11 +95,18 @@ void answer(HttpReply* reply, const Refusal& with) {
 
 enum Phase : int { kIdle = 1, kHead, kBody, kReply, kPaused, kApplication };
 
-// What the reply still has to hand over. Of a descriptor without an end nobody knows: it counts down from far away, as
-// long as there is something to send.
+// What the kernel still holds because the client has not taken it.
+uint64_t unacknowledged(const ZelPeer* peer) {
+  int bytes = 0;
+  return ioctl(peer_socket(peer), SIOCOUTQ, &bytes) == 0 && bytes > 0 ? static_cast<uint64_t>(bytes) : 0;
+}
+
+// What the client still has to take. Of a descriptor without an end nobody knows: it counts down from far away, as long
+// as there is something to send.
 uint64_t leftOfReply(const Connection* connection) {
   constexpr uint64_t kFarAway = UINT64_MAX / 2;
-  const uint64_t queued = peer_bytesQueued(connection->reply.message.peer);
+  const ZelPeer* const peer = connection->reply.message.peer;
+  const uint64_t queued = peer_bytesQueued(peer) + unacknowledged(peer);
   if (connection->staticFd < 0) return queued;
   if (connection->staticSize != -1) return queued + connection->staticRemaining;
   return srv_isSourceEmpty(connection) ? queued : kFarAway - connection->staticSent;
@@ -110,7 +120,11 @@ bool awaitsApplication(Connection* connection) {
 
 Phase phaseOf(Connection* connection) {
   const HttpMessage& request = connection->request.message;
-  if (connection->state <= HTTP_SERVER_ACCEPTED) return request.fill > 0 ? kHead : kIdle;
+  if (connection->state <= HTTP_SERVER_ACCEPTED) {
+    if (request.fill > 0) return kHead;
+    const bool wasIdle = connection->clock.phase == kIdle && connection->clock.request == connection->requests;
+    return wasIdle || unacknowledged(peerOf(connection)) == 0 ? kIdle : kReply;
+  }
   if (connection->state == HTTP_SERVER_RECEIVING_REQUEST) {
     if (request.state < HTTP_MSG_BODY) return kHead;
     if (request.state == HTTP_MSG_BODY && request.paused == HTTP_MSG_RUNNING)
@@ -182,10 +196,8 @@ uint8_t overdue(Connection* connection, Phase phase, const HttpServerLimits& lim
 }
 
 // What a client has not taken until now is not worth the kernel's memory, for minutes after the end.
-void dropUnsent(ZelPeer* peer) {
-  int unsent = 0;
+void dropUnacknowledged(const ZelPeer* peer) {
   constexpr linger kReset = {1, 0};
-  if (ioctl(peer_socket(peer), SIOCOUTQ, &unsent) < 0 || unsent == 0) return;
   setsockopt(peer_socket(peer), SOL_SOCKET, SO_LINGER, &kReset, sizeof kReset);
 }
 
@@ -200,7 +212,7 @@ void sweep(ZelTimer* timer, void* userData) {
     const uint8_t reason = overdue(connection, phase, *server->limits);
     if (reason == HTTP_MSG_ACCEPTED) continue;
     srv_refuse(connection, reason);
-    if (phase == kIdle || phase == kReply) dropUnsent(peerOf(connection));
+    if (phase == kReply) dropUnacknowledged(peerOf(connection));
     peer_destroy(peerOf(connection));
   }
 }

@@ -61,10 +61,18 @@ ssize_t readInput(void* cookie, char* buffer, size_t size) {
   return noteInput(peer, peer->transport->read(peer, buffer, size));
 }
 
-ssize_t writeQueued(ZelPeer* peer, const char* data, size_t size) {
+/** stdio drops what is not kept. Nothing may follow the gap: the other side would take it for what is missing. */
+size_t keep(ZelPeer* peer, const char* data, size_t size) {
   const size_t kept = queue_append(&peer->output, data, size);
-  if (kept < size) errno = ENOMEM;
-  return static_cast<ssize_t>(kept);
+  if (kept == size) return kept;
+  peer->writeDead = true;
+  peer_failLater(peer, ENOMEM);
+  errno = ENOMEM;
+  return kept;
+}
+
+ssize_t writeQueued(ZelPeer* peer, const char* data, size_t size) {
+  return static_cast<ssize_t>(keep(peer, data, size));
 }
 
 /** What the socket takes of @p data at once. @return -1 when it will never take anything again */
@@ -86,11 +94,8 @@ ssize_t writeDirect(ZelPeer* peer, const char* data, size_t size) {
     return 0;
   }
   const size_t rest = size - static_cast<size_t>(sent);
-  const size_t kept = queue_append(&peer->output, data + sent, rest);
-  if (kept < rest) {
-    errno = ENOMEM;
-    return sent + static_cast<ssize_t>(kept);
-  }
+  const size_t kept = keep(peer, data + sent, rest);
+  if (kept < rest) return sent + static_cast<ssize_t>(kept);
   if (peer->socket == Socket::Connected && stream_flush(peer) == Flush::Dead) {
     peer->writeDead = true;
     return 0;
