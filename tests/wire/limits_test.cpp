@@ -609,6 +609,44 @@ TEST_P(ReplyLimitTest, ClientThatReadsTooSlowly) {
   expectRefused(HTTP_MSG_SLOW);
 }
 
+// The kernel has taken all of it, but the client has not.
+TEST_F(LimitsTest, ShortReplyThatIsNotTaken) {
+  limits_.stallSeconds = limits_.idleSeconds = 1;
+  onRequest = [](HttpRequest*, HttpReply* reply) { return replyText(reply, 200, std::string(100'000, 't')); };
+  serve();
+  WireClient client(address(), {4096});
+  client.readAtMost(0);
+  client.send(get("/"));
+  EXPECT_TRUE(until([&] { return callsOf("done") == 1; }));
+  EXPECT_TRUE(until([&] { return http().connectionCount == 0; }, kSoon));
+  expectRefused(HTTP_MSG_STALLED);
+  pass(2500);  // the connection lingers
+  client.readAtMost(SIZE_MAX);
+  EXPECT_TRUE(until([&] { return client.ended(); }, kSoon));
+  EXPECT_TRUE(client.wasReset());
+  EXPECT_LT(client.received().size(), 100'000u);
+}
+
+// The application waits for the client, not the other way round.
+TEST_F(LimitsTest, ReplyThatIsNotTakenWhileItsRequestIsPaused) {
+  limits_.stallSeconds = 1;
+  onRequest = [](HttpRequest* request, HttpReply* reply) {
+    const std::string text(8'000'000, 't');
+    http_replyStatusCodeSet(reply, 200, nullptr);
+    http_replyHeaderValueSet(reply, "Content-Length", "9000000");
+    http_replySend(reply);
+    fwrite(text.data(), 1, text.size(), http_replyBody(reply));
+    return http_serverPauseRequest(request);
+  };
+  serve();
+  WireClient client(address(), {4096});
+  client.readAtMost(0);
+  client.send(put("hello"));
+  EXPECT_TRUE(until([&] { return http().connectionCount == 1; }));
+  EXPECT_TRUE(until([&] { return http().connectionCount == 0; }, kSoon));
+  expectRefused(HTTP_MSG_STALLED);
+}
+
 // --- who is not blamed -----------------------------------------------------------------------------------------------
 
 class PatienceTest : public LimitsTest {
