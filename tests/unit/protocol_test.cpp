@@ -671,6 +671,8 @@ struct DateSpaceCase {
   int result;
 };
 
+void PrintTo(const DateSpaceCase& row, std::ostream* out) { *out << row.size; }
+
 class CookieDateSpace : public testing::TestWithParam<DateSpaceCase> {};
 
 TEST_P(CookieDateSpace, IsNeverOverrun) {

@@ -57,6 +57,14 @@ const OptionCase kWrong[] = {
     {"TraceWithUnknownLevel", {"--demo", "--trace", "http-server=loud"}},
     {"TraceWithNumberAndMore", {"--demo", "--trace", "http-server=30x"}},
     {"AccessLogWithoutValue", {"--demo", "--access-log"}},
+    {"LimitWithoutValue", {"--demo", "--limit"}},
+    {"LimitWithoutEquals", {"--demo", "--limit", "line"}},
+    {"LimitOfNoNumber", {"--demo", "--limit", "line=8K"}},
+    {"LimitOfNothing", {"--demo", "--limit", "line="}},
+    {"LimitBelowZero", {"--demo", "--limit", "line=-1"}},
+    {"LimitBeyond32Bits", {"--demo", "--limit", "body=4294967296"}},
+    {"LimitThatIsHuge", {"--demo", "--limit", "body=99999999999999999999999"}},
+    {"UnknownLimit", {"--demo", "--limit", "lines=1"}},
 };
 class WrongOptionTest : public ::testing::TestWithParam<OptionCase> {};
 INSTANTIATE_TEST_SUITE_P(Krohttpd, WrongOptionTest, ::testing::ValuesIn(kWrong),
@@ -229,14 +237,72 @@ TEST_F(KrohttpdTest, Status) {
   EXPECT_EQ(reply.header("Content-Type"), "application/json");
   EXPECT_EQ(reply.header("Content-Length"), std::to_string(reply.body.size()));
   std::smatch values;
-  const std::regex form(
-      "\\{\"version\":\"" KROHTTPD_VERSION
-      "\",\"connections\":([0-9]+),\"replies\":([0-9]+),\"uptime\":([0-9]+),\"memory\":([0-9]+),"
-      "\"refused\":\\{\\}\\}\\s*");
+  const std::regex form("\\{\"version\":\"" KROHTTPD_VERSION
+                        "\",\"connections\":([0-9]+),\"replies\":([0-9]+),\"uptime\":([0-9]+),\"memory\":([0-9]+),"
+                        "\"refused\":\\{\\}\\}\\s*");
   ASSERT_TRUE(std::regex_match(reply.body, values, form)) << reply.body;
   EXPECT_EQ(values[1], "2");  // the idle one and this one
   EXPECT_EQ(values[2], "1");
   EXPECT_GT(atol(values[4].str().c_str()), 0);
+}
+
+struct LimitCase {
+  const char* name;
+  Arguments arguments;
+  std::string wire;
+  std::string replies;  // their statuses
+};
+void PrintTo(const LimitCase& row, std::ostream* out) { *out << row.name; }
+
+const std::string kAgain = "GET /hello HTTP/1.1\r\nHost: x\r\n\r\n";
+const std::string kPost = "POST /echo HTTP/1.1\r\nHost: x\r\n";
+const LimitCase kLimits[] = {
+    {"Line", {"--limit", "line=26"}, "GET /hello?1234 HTTP/1.1\r\nHost: x\r\n\r\n" + kAgain, "200 200"},
+    {"LongLine", {"--limit", "line=25"}, "GET /hello?1234 HTTP/1.1\r\nHost: x\r\n\r\n" + kAgain, "414"},
+    {"Head", {"--limit", "head=32"}, kAgain + kAgain, "200 200"},
+    {"LargeHead", {"--limit", "head=31"}, kAgain + kAgain, "431"},
+    {"Headers", {"--limit", "headers=1"}, kAgain + kAgain, "200 200"},
+    {"ManyHeaders", {"--limit", "headers=1"}, "GET /hello HTTP/1.1\r\nHost: x\r\nA: b\r\n\r\n" + kAgain, "431"},
+    {"Body", {"--limit", "body=5"}, kPost + "Content-Length: 5\r\n\r\nhello" + kAgain, "200 200"},
+    {"LargeBody", {"--limit", "body=4"}, kPost + "Content-Length: 5\r\n\r\nhello" + kAgain, "413"},
+    {"LargeBodyInChunks",
+     {"--limit", "body=4"},
+     kPost + "Transfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n" + kAgain,
+     "413"},
+    {"LargestBody", {"--limit", "body=4294967295"}, kPost + "Content-Length: 5\r\n\r\nhello" + kAgain, "200 200"},
+    {"Requests", {"--limit", "requests=2"}, kAgain + kAgain + kAgain, "200 200"},
+    {"ManyLimits", {"--limit", "requests=2", "--limit", "head=31"}, kAgain + kAgain, "431"},
+    {"LimitAgain", {"--limit", "head=31", "--limit", "head=32"}, kAgain + kAgain, "200 200"},
+    {"HeadTime", {"--limit", "head-time=1"}, kAgain + "GET /hello", "200 408"},
+    {"StallTime", {"--limit", "stall-time=1"}, kAgain + kPost + "Content-Length: 5\r\n\r\n", "200 408"},
+    {"Rate", {"--limit", "rate-time=1", "--limit", "rate=10"}, kAgain + kPost + "Content-Length: 5\r\n\r\n", "200 408"},
+    {"IdleTime", {"--limit", "idle-time=1"}, kAgain, "200"},
+};
+class LimitOptionTest : public KrohttpdTest, public ::testing::WithParamInterface<LimitCase> {};
+INSTANTIATE_TEST_SUITE_P(Krohttpd, LimitOptionTest, ::testing::ValuesIn(kLimits),
+                         [](const auto& parameter) { return parameter.param.name; });
+
+// The connection ends by itself, or it is ended when all is there that is expected.
+TEST_P(LimitOptionTest, Holds) {
+  Daemon daemon(demo(GetParam().arguments));
+  WireClient client(daemon.address());
+  client.send(GetParam().wire);
+  const bool endsItself = GetParam().replies != "200 200" || GetParam().name == std::string_view("Requests");
+  ASSERT_TRUE(waitUntil([&] { return endsItself ? client.ended() : countReplies(client.received()) == 2; }));
+  std::string replies;
+  for (const WireReply& reply : takeReplies(client.received(), true))
+    replies += (replies.empty() ? "" : " ") + std::to_string(reply.status());
+  EXPECT_EQ(replies, GetParam().replies);
+}
+
+TEST_F(KrohttpdTest, OneConnectionTooMany) {
+  Daemon daemon(demo({"--limit", "connections=1"}));
+  WireClient first(daemon.address());
+  first.send(kAgain);
+  ASSERT_TRUE(waitUntil([&] { return countReplies(first.received()) == 1; }));
+  EXPECT_EQ(askOne(daemon.address(), kAgain).status(), 503u);
+  first.leave();
+  ASSERT_TRUE(waitUntil([&] { return askOne(daemon.address(), kAgain).status() == 200; }));
 }
 
 TEST_F(KrohttpdTest, StatusTellsWhatWasRefused) {
