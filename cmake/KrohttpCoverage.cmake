@@ -8,7 +8,8 @@ endif()
 add_custom_target(coverage
   COMMAND find ${CMAKE_BINARY_DIR} -name *.gcda -delete
   COMMAND unit_tests --gtest_brief=1 2> ${CMAKE_BINARY_DIR}/coverage-unit.log
-  COMMAND wire_tests --gtest_brief=1 2> ${CMAKE_BINARY_DIR}/coverage-wire.log
+  # On a disk that is full the counters of the daemon cannot be written either.
+  COMMAND wire_tests --gtest_brief=1 --gtest_filter=-AddUserTest.DiskThatIsFull 2> ${CMAKE_BINARY_DIR}/coverage-wire.log
   COMMAND ${KROHTTP_GCOVR} --root ${PROJECT_SOURCE_DIR} --filter ${PROJECT_SOURCE_DIR}/src/
     --exclude-throw-branches --exclude-unreachable-branches --print-summary
     --txt ${CMAKE_BINARY_DIR}/coverage-lines.txt ${CMAKE_BINARY_DIR}
