@@ -624,27 +624,38 @@ bool allSent(const Connection* connection) {
   return connection->staticSize != -1 && connection->staticRemaining == 0 && connection->staticWriter != nullptr;
 }
 
+// A signal is no failure. errno is 0 after a success.
+template <typename Call>
+ssize_t retried(Call call) {
+  ssize_t count = 0;
+  do {
+    errno = 0;
+    count = call();
+  } while (count < 0 && errno == EINTR);
+  return count;
+}
+
 ssize_t srv_writeWithSendfile(ZelPeer* peer, HttpServerConnection* connection) {
-  errno = 0;
-  const ssize_t count =
-      sendfile(peer_socket(peer), connection->staticFd, nullptr, stepSize(static_cast<Connection*>(connection)));
+  const size_t size = stepSize(static_cast<Connection*>(connection));
+  const ssize_t count = retried([&] { return sendfile(peer_socket(peer), connection->staticFd, nullptr, size); });
   if (count < 0 && errno != EAGAIN) TRACE_ERROR("unable to execute sendfile: %m");
   return count;
 }
 
 ssize_t srv_writeWithSplice(ZelPeer* peer, HttpServerConnection* connection) {
-  errno = 0;
-  const ssize_t count =
-      splice(connection->staticFd, nullptr, peer_socket(peer), nullptr, stepSize(static_cast<Connection*>(connection)),
-             SPLICE_F_MOVE | SPLICE_F_NONBLOCK | SPLICE_F_MORE);
+  const size_t size = stepSize(static_cast<Connection*>(connection));
+  const ssize_t count = retried([&] {
+    return splice(connection->staticFd, nullptr, peer_socket(peer), nullptr, size,
+                  SPLICE_F_MOVE | SPLICE_F_NONBLOCK | SPLICE_F_MORE);
+  });
   if (count < 0 && errno != EAGAIN) TRACE_ERROR("unable to execute splice: %m");
   return count;
 }
 
 ssize_t srv_writeByCopy(ZelPeer* peer, HttpServerConnection* connection) {
   char block[kBlock];
-  errno = 0;
-  const ssize_t count = read(connection->staticFd, block, stepSize(static_cast<Connection*>(connection)));
+  const size_t size = stepSize(static_cast<Connection*>(connection));
+  const ssize_t count = retried([&] { return read(connection->staticFd, block, size); });
   if (count < 0) {
     if (errno != EAGAIN) TRACE_ERROR("unable to execute read: %m");
     return count;

@@ -86,8 +86,8 @@ void answer(HttpReply* reply, const Refusal& with) {
       http_replyHeaderValueSet(reply, "Connection", "close") == 0 &&
       http_replyHeaderValueSet(reply, "Content-Type", "text/plain; charset=utf-8") == 0 &&
       http_replyHeaderValueSet(reply, "Content-Length", "%zu", text.size() + 1) == 0 && http_replySend(reply) == 0;
-  FILE* const body = headSent ? http_replyBody(reply) : nullptr;
-  if (body != nullptr) std::fprintf(body, "%s\n", with.phrase);
+  if (!headSent) return;
+  if (FILE* const body = http_replyBody(reply)) std::fprintf(body, "%s\n", with.phrase);
   http_replyDone(reply);
 }
 
@@ -240,7 +240,7 @@ void srv_refuse(Connection* connection, uint8_t reason) {
   // A head that was refused has left the reply without a version.
   if (isUnanswered(connection) && connection->reply.message.versionMajor == 0)
     http_replyVersionSet(&connection->reply, 1, 1);
-  TRACE_ERROR("connection is ended: %s (%d)", kRefusals[reason].name, peer_socket(peerOf(connection)));
+  TRACE_NOTICE("connection is ended: %s (%d)", kRefusals[reason].name, peer_socket(peerOf(connection)));
 }
 
 void srv_answerRefusal(Connection* connection) {

@@ -41,7 +41,10 @@ int pollNow(const ZelPeer* peer, short events) {
 /** Asks the transport, which may hold bytes of its own. @return as recv() */
 ssize_t peekOne(ZelPeer* peer) {
   char byte;
-  return peer->transport->peek(peer, &byte, 1);
+  ssize_t result;
+  do result = peer->transport->peek(peer, &byte, 1);
+  while (result < 0 && errno == EINTR);
+  return result;
 }
 
 /** Something can be read without waiting for the socket. */

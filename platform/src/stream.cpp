@@ -26,16 +26,18 @@ ssize_t retried(Call call) {
   return result;
 }
 
-ssize_t socketRead(ZelPeer* peer, void* buffer, size_t length) {
-  return retried([=] { return recv(peer->fd, buffer, length, MSG_DONTWAIT); });
-}
+ssize_t socketRead(ZelPeer* peer, void* buffer, size_t length) { return recv(peer->fd, buffer, length, MSG_DONTWAIT); }
 
 ssize_t socketWrite(ZelPeer* peer, const void* buffer, size_t length) {
-  return retried([=] { return send(peer->fd, buffer, length, MSG_DONTWAIT | MSG_NOSIGNAL); });
+  return send(peer->fd, buffer, length, MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
 ssize_t socketPeek(ZelPeer* peer, void* buffer, size_t length) {
-  return retried([=] { return recv(peer->fd, buffer, length, MSG_DONTWAIT | MSG_PEEK); });
+  return recv(peer->fd, buffer, length, MSG_DONTWAIT | MSG_PEEK);
+}
+
+ssize_t writeTo(ZelPeer* peer, const void* data, size_t size) {
+  return retried([=] { return peer->transport->write(peer, data, size); });
 }
 
 bool wouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK; }
@@ -58,7 +60,7 @@ ssize_t readInput(void* cookie, char* buffer, size_t size) {
   if (peer->socket == Socket::Connecting) return refuse(EAGAIN);
   if (peer->reset) return refuse(ECONNRESET);  // the socket tells it but once
   peer->readTurn = loop.turn;
-  return noteInput(peer, peer->transport->read(peer, buffer, size));
+  return noteInput(peer, retried([=] { return peer->transport->read(peer, buffer, size); }));
 }
 
 /** stdio drops what is not kept. Nothing may follow the gap: the other side would take it for what is missing. */
@@ -78,7 +80,7 @@ ssize_t writeQueued(ZelPeer* peer, const char* data, size_t size) {
 /** What the socket takes of @p data at once. @return -1 when it will never take anything again */
 ssize_t offerToSocket(ZelPeer* peer, const char* data, size_t size) {
   if (peer->blocked || peer->socket != Socket::Connected) return 0;
-  const ssize_t sent = peer->transport->write(peer, data, size);
+  const ssize_t sent = writeTo(peer, data, size);
   if (sent < 0 && !wouldBlock()) return -1;
   const ssize_t taken = std::max<ssize_t>(sent, 0);
   // A socket that takes less is full; another transport may have reasons of its own.
@@ -169,7 +171,7 @@ Flush flushParts(ZelPeer* peer) {
   size_t offered = 0;
   for (size_t i = 0; i < message.msg_iovlen; ++i) offered += parts[i].iov_len;
   const ssize_t sent = message.msg_iovlen == 1
-                           ? socketWrite(peer, parts[0].iov_base, parts[0].iov_len)
+                           ? writeTo(peer, parts[0].iov_base, parts[0].iov_len)
                            : retried([&] { return sendmsg(peer->fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL); });
   if (sent < 0) return wouldBlock() ? Flush::Blocked : Flush::Dead;
   queue_consume(&peer->output, static_cast<size_t>(sent));
@@ -180,7 +182,7 @@ Flush flushParts(ZelPeer* peer) {
 Flush flushPart(ZelPeer* peer) {
   iovec part;
   queue_front(&peer->output, &part, 1);
-  const ssize_t sent = peer->transport->write(peer, part.iov_base, part.iov_len);
+  const ssize_t sent = writeTo(peer, part.iov_base, part.iov_len);
   if (sent < 0) return wouldBlock() ? Flush::Blocked : Flush::Dead;
   queue_consume(&peer->output, static_cast<size_t>(sent));
   return peer->output.bytes > 0 ? Flush::More : Flush::Done;
@@ -295,7 +297,7 @@ extern "C" ssize_t peer_peek(ZelPeer* peer, void* buffer, size_t length) {
   }
   if (peer->socket == Socket::Connecting) return refuse(EAGAIN);
   if (peer->reset) return refuse(ECONNRESET);
-  return noteInput(peer, peer->transport->peek(peer, buffer, length));
+  return noteInput(peer, retried([=] { return peer->transport->peek(peer, buffer, length); }));
 }
 
 extern "C" size_t peer_bytesQueued(const ZelPeer* peer) {
