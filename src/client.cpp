@@ -166,7 +166,9 @@ bool cl_handleWriteDone(ZelPeer* peer) {
     listenForReply(connection);
     switchTo(client, HTTP_CLIENT_REQUEST_SENT);
   } else if (client->requestDrainedHandler != nullptr && client->state == HTTP_CLIENT_SENDING_REQUEST) {
+    const Watch watch(connection);
     client->requestDrainedHandler(connection->reply, connection->request);
+    if (!watch.gone()) return isInUse(connection);
   }
   return true;
 }

@@ -585,6 +585,32 @@ class ClientEarlyTest : public ClientFlowTest {
   }
 };
 
+// Nobody waits for the rest of the request any more, nor for that of a reply that has begun to come.
+TEST_F(ClientEarlyTest, RequestDestroyedInTheDrainedHandler) {
+  WireTarget target;
+  Party party;
+  party.client->takesEarlyReply = true;
+  party.client->requestDrainedHandler = Party::handleDrained;
+  bool destroyed = false;
+  party.onDrained = [&] {
+    if (destroyed || target.count() == 0 || target.last().received().find("01234") == std::string::npos) return;
+    http_requestDestroy(party.request);
+    party.request = nullptr;
+    destroyed = true;
+  };
+  startOn(party, target);
+  ASSERT_TRUE(party.begin(HTTP_METHOD_POST));
+  http_requestHeaderValueSet(party.request, "Content-Length", "100000000");
+  ASSERT_EQ(http_requestSend(party.request), 0);
+  party.write("01234");
+  ASSERT_TRUE(until([&] { return target.count() == 1; }));
+  target.last().send("H");
+  settle();
+  party.write(std::string(10'000'000, 'x'));
+  ASSERT_TRUE(until([&] { return destroyed; }));
+  EXPECT_TRUE(until([&] { return target.last().ended() && party.has("closed"); })) << party.said();
+}
+
 TEST_F(ClientEarlyTest, WaitsForTheRequestAsARule) {
   WireTarget target;
   Party party;
