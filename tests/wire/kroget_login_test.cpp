@@ -1,9 +1,7 @@
 // kroget's credentials and cookies: what it tells to whom, and what it keeps.
 #include <gtest/gtest.h>
 #include <krohttp/krohttp.h>
-#include <pty.h>
 #include <sys/stat.h>
-#include <termios.h>
 
 #include <cstdlib>
 #include <ctime>
@@ -13,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "support/terminal.h"
 #include "support/wire_kroget.h"
 
 namespace {
@@ -448,81 +447,21 @@ TEST_F(KrogetLoginTest, TheSameServerIsToldAgainWhenItAsks) {
 
 // --- passwords that nobody sees --------------------------------------------------------------------------------------
 
-// kroget on a terminal of its own.
-class Terminal {
- public:
-  explicit Terminal(const Arguments& arguments) {
-    std::vector<char*> argv;
-    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    int master = -1;
-    pid_ = forkpty(&master, nullptr, nullptr, nullptr);
-    if (pid_ == 0) {
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-    master_.reset(master);
-    fcntl(master, F_SETFL, O_NONBLOCK);
-  }
-  ~Terminal() {
-    if (status_) return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-  Terminal(const Terminal&) = delete;
-  Terminal& operator=(const Terminal&) = delete;
-
-  bool shows(const std::string& text) {
-    return wait([&] {
-      read();
-      return shown_.find(text) != std::string::npos;
-    });
-  }
-  // Without an echo, and with lines.
-  bool isSilent() const {
-    termios settings{};
-    return tcgetattr(master_.get(), &settings) == 0 && (settings.c_lflag & ECHO) == 0;
-  }
-  void type(const std::string& text) const {
-    EXPECT_EQ(write(master_.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  }
-  std::string outcome() {
-    EXPECT_TRUE(wait([&] {
-      read();
-      int status = 0;
-      if (!status_ && waitpid(pid_, &status, WNOHANG) == pid_) status_ = status;
-      return status_.has_value();
-    }));
-    read();
-    if (!status_) return "running";
-    return WIFEXITED(*status_) ? "exit " + std::to_string(WEXITSTATUS(*status_))
-                               : "signal " + std::to_string(WTERMSIG(*status_));
-  }
-  const std::string& shown() const { return shown_; }
-
- private:
-  void read() {
-    char buffer[4096];
-    ssize_t count;
-    while ((count = ::read(master_.get(), buffer, sizeof buffer)) > 0)
-      shown_.append(buffer, static_cast<size_t>(count));
-  }
-
-  pid_t pid_ = -1;
-  Descriptor master_;
-  std::string shown_;
-  std::optional<int> status_;
-};
+// Waits for the program's end.
+std::string outcomeOf(Terminal& terminal) {
+  EXPECT_TRUE(wait([&] { return terminal.ended(); }));
+  return terminal.outcome();
+}
 
 TEST_F(KrogetLoginTest, AMissingPasswordIsAskedFor) {
   target.always(refusing(asking("Basic")));
   Terminal terminal(commandLine({"-u", "me", "{T}/", "{T}/"}, &target));
-  ASSERT_TRUE(terminal.shows("Password of me: "));
-  EXPECT_TRUE(wait([&] { return terminal.isSilent(); }));
+  ASSERT_TRUE(wait([&] { return terminal.shows("Password of me: "); }));
+  EXPECT_TRUE(wait([&] { return !terminal.echoes(); }));
   EXPECT_EQ(target.count(), 0u);
   terminal.type("se:cret\n");
-  EXPECT_EQ(terminal.outcome(), "exit 0");
-  EXPECT_EQ(terminal.shown(), "Password of me: \r\nyesagain");
+  EXPECT_EQ(outcomeOf(terminal), "exit 0");
+  EXPECT_EQ(terminal.screen(), "Password of me: \r\nyesagain");
   EXPECT_EQ(requests().at(1).header("Authorization"), "Basic bWU6c2U6Y3JldA==");
 }
 
@@ -531,10 +470,10 @@ TEST_F(KrogetLoginTest, ThePasswordComesFromTheTerminalAndTheBodyFromStandardInp
   Arguments arguments = {"/bin/sh", "-c", "printf body | \"$@\"", "sh"};
   for (const std::string& word : commandLine({"-u", "me", "-d", "@-", "{T}/"}, &target)) arguments.push_back(word);
   Terminal terminal(arguments);
-  ASSERT_TRUE(terminal.shows("Password of me: "));
-  EXPECT_TRUE(wait([&] { return terminal.isSilent(); }));
+  ASSERT_TRUE(wait([&] { return terminal.shows("Password of me: "); }));
+  EXPECT_TRUE(wait([&] { return !terminal.echoes(); }));
   terminal.type("x\n");
-  EXPECT_EQ(terminal.outcome(), "exit 0");
+  EXPECT_EQ(outcomeOf(terminal), "exit 0");
   EXPECT_EQ(requests().at(1).header("Authorization"), "Basic bWU6eA==");
   EXPECT_EQ(requests().at(1).body, "body");
 }
@@ -557,11 +496,11 @@ INSTANTIATE_TEST_SUITE_P(Kroget, KrogetPromptTest, ::testing::ValuesIn(kPrompts)
 
 TEST_P(KrogetPromptTest, EndsBeforeAnythingIsSent) {
   Terminal terminal(commandLine({"-u", "me", "{T}/"}, &target));
-  ASSERT_TRUE(terminal.shows("Password of me: "));
-  EXPECT_TRUE(wait([&] { return terminal.isSilent(); }));
+  ASSERT_TRUE(wait([&] { return terminal.shows("Password of me: "); }));
+  EXPECT_TRUE(wait([&] { return !terminal.echoes(); }));
   terminal.type(GetParam().typed);
-  EXPECT_EQ(terminal.outcome(), GetParam().outcome);
-  EXPECT_EQ(terminal.shown(), "Password of me: " + GetParam().shown);
+  EXPECT_EQ(outcomeOf(terminal), GetParam().outcome);
+  EXPECT_EQ(terminal.screen(), "Password of me: " + GetParam().shown);
   EXPECT_EQ(target.count(), 0u);
 }
 

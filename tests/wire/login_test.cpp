@@ -1,9 +1,7 @@
 // krohttpd's logins from the outside: the file of users, what is protected and how, the login page, what failures cost.
 #include <gtest/gtest.h>
 #include <krohttp/krohttp.h>
-#include <pty.h>
 #include <sys/stat.h>
-#include <termios.h>
 
 #include <algorithm>
 #include <cstring>
@@ -15,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "support/terminal.h"
 #include "support/wire_process.h"
 
 namespace {
@@ -1300,73 +1299,6 @@ TEST_F(AddUserTest, DiskThatIsFull) {
   EXPECT_EQ(readFile(path_), userLine("bob", "b"));
   EXPECT_EQ(names(), "users\n");
 }
-
-// krohttpd on a terminal of its own.
-class Terminal {
- public:
-  explicit Terminal(const Arguments& arguments) {
-    int fd = -1;
-    pid_ = forkpty(&fd, nullptr, nullptr, nullptr);
-    if (pid_ == 0) {
-      std::vector<char*> argv;
-      for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-      argv.push_back(nullptr);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-    EXPECT_GT(pid_, 0);
-    master_.reset(fd);
-    fcntl(fd, F_SETFL, O_NONBLOCK);
-    fcntl(fd, F_SETFD, FD_CLOEXEC);
-  }
-  ~Terminal() {
-    if (ended()) return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-  Terminal(const Terminal&) = delete;
-  Terminal& operator=(const Terminal&) = delete;
-
-  void type(std::string_view text) const {
-    EXPECT_EQ(write(master_.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  }
-  void signal(int number) const { kill(pid_, number); }
-  const std::string& screen() {
-    std::array<char, 1024> buffer;
-    ssize_t count;
-    while ((count = read(master_.get(), buffer.data(), buffer.size())) > 0)
-      screen_.append(buffer.data(), static_cast<size_t>(count));
-    return screen_;
-  }
-  bool shows(std::string_view text) { return screen().find(text) != std::string::npos; }
-  bool echoes() const {
-    termios state = {};
-    EXPECT_EQ(tcgetattr(master_.get(), &state), 0);
-    return (state.c_lflag & ECHO) != 0;
-  }
-  bool ended() {
-    if (!status_) {
-      int status = 0;
-      if (waitpid(pid_, &status, WNOHANG) == pid_) status_ = status;
-    }
-    return status_.has_value();
-  }
-  bool stopped() const {
-    int status = 0;
-    return waitpid(pid_, &status, WNOHANG | WUNTRACED) == pid_ && WIFSTOPPED(status);
-  }
-  std::string outcome() const {
-    if (!status_) return "running";
-    return WIFEXITED(*status_) ? "exit " + std::to_string(WEXITSTATUS(*status_))
-                               : "signal " + std::to_string(WTERMSIG(*status_));
-  }
-
- private:
-  pid_t pid_ = -1;
-  Descriptor master_;
-  std::string screen_;
-  std::optional<int> status_;
-};
 
 TEST_F(AddUserTest, AsksTwiceAndShowsNothing) {
   Terminal terminal({KROHTTPD, "--add-user", path_, "alice", kRealm});
