@@ -20,10 +20,21 @@
     }                                                                 \
   } while (0)
 
-// Formats every trace and drops it: a NULL that reaches a format is found too.
+// Formats every trace and drops it: a NULL that reaches a format is found too. FUZZ_SHOW=1 shows them, for a look at a
+// reproducer.
 inline void traceIntoNothing() {
-  kroTraceToFunction([](int, const char*, void*) {}, nullptr);
+  if (getenv("FUZZ_SHOW") == nullptr) kroTraceToFunction([](int, const char*, void*) {}, nullptr);
   kroTraceEnable("*", KROTRACE_INFO);
+}
+
+// Formatting takes most of the time: of the inputs only short ones are traced, if they ask for it.
+constexpr size_t kMostTraced = 256;
+inline void traceIf(bool wanted) {
+  static const bool shown = getenv("FUZZ_SHOW") != nullptr;
+  static bool traced = true;
+  wanted |= shown;
+  if (wanted != traced) kroTraceEnable("*", wanted ? KROTRACE_INFO : -1);
+  traced = wanted;
 }
 
 // A header's text as a message hands it out: it ends at the first NUL and has no control characters but TAB.
