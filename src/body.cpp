@@ -191,7 +191,10 @@ ssize_t body_write_normal(void* cookie, const char* buffer, size_t size) {
   const size_t count = fwrite_unlocked(buffer, 1, amount, body->parent);
   body->done += static_cast<uint32_t>(count);
   if (count < amount || fflush_unlocked(body->parent) != 0) return shortCount(message, count);
-  if (body->length != 0 && body->done == body->length) message->state = HTTP_MSG_DONE;
+  if (body->length != 0 && body->done == body->length) {
+    message->state = HTTP_MSG_DONE;
+    msg_completed(message);
+  }
   return static_cast<ssize_t>(count);
 }
 

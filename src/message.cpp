@@ -834,7 +834,7 @@ const char* msg_headerText(const HttpMessage* message, int code) {
 }
 
 int msg_headerCopy(HttpMessage* message, const char* name, const char* value, bool allowEmpty) {
-  if (appendHeaderText(message, name, value) < 0) {
+  if (appendHeaderText(message, name, value) < 0 || !msg_isOneLine(message->buffer + message->lineStart)) {
     TRACE_ERROR("unable to set header line");
     return -1;
   }

@@ -295,6 +295,21 @@ TEST_P(LimitOptionTest, Holds) {
   EXPECT_EQ(replies, GetParam().replies);
 }
 
+// However much of the body still comes: what has been written must not wait in the socket for more.
+TEST_F(KrohttpdTest, RefusalIsSeenByAClientThatGoesOnSending) {
+  Daemon daemon(demo());
+  WireClient client(daemon.address());
+  client.send("POST /hello HTTP/1.1\r\nHost: x\r\nContent-Length: 4294967295\r\n\r\n");
+  size_t sent = 0;
+  ASSERT_TRUE(waitUntil([&] {
+    if (client.allSent()) client.send(std::string(65536, 'x'));
+    sent += 65536;
+    return countReplies(client.received()) == 1;
+  }));
+  EXPECT_EQ(takeReplies(client.received()).at(0).status(), 405u);
+  EXPECT_LT(sent, size_t{1} << 30);
+}
+
 TEST_F(KrohttpdTest, OneConnectionTooMany) {
   Daemon daemon(demo({"--limit", "connections=1"}));
   WireClient first(daemon.address());
