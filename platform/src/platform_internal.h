@@ -82,11 +82,12 @@ struct ZelPeer {
     zel::ConnectJob* connecting; /**< Socket::Connecting */
     zel::Listener* listener;     /**< Socket::Listening */
   };
-  char* address;     /**< made when first asked for */
-  uint64_t deadline; /**< while lingering */
-  uint32_t readTurn; /**< the last turn in which the transport was read */
-  uint32_t dropped;  /**< input bytes thrown away while lingering */
-  uint32_t reason;   /**< zel_error of a failure that its end will report */
+  char* address;      /**< made when first asked for */
+  uint64_t deadline;  /**< while lingering */
+  uint32_t readTurn;  /**< the last turn in which the transport was read */
+  uint32_t turnBytes; /**< and how much of it */
+  uint32_t dropped;   /**< input bytes thrown away while lingering */
+  uint32_t reason;    /**< zel_error of a failure that its end will report */
   int fd;
   uint8_t remote[16]; /**< the other side's IP address */
   uint8_t remoteFamily;

@@ -17,6 +17,7 @@ namespace zel {
 namespace {
 
 constexpr int kPartsPerFlush = 64;
+constexpr uint32_t kInputPerTurn = 1 << 20;
 
 template <typename Call>
 ssize_t retried(Call call) {
@@ -59,8 +60,17 @@ ssize_t readInput(void* cookie, char* buffer, size_t size) {
   if (peer->ended || peer->fd < 0) return peer->ended ? 0 : refuse(EAGAIN);
   if (peer->socket == Socket::Connecting) return refuse(EAGAIN);
   if (peer->reset) return refuse(ECONNRESET);  // the socket tells it but once
+  if (peer->readTurn != loop.turn) peer->turnBytes = 0;
+  // Who sends faster than it is read would keep all others waiting. The poll set offers the rest in the next turn; who
+  // cannot wait for that asks again.
+  if (peer->turnBytes >= kInputPerTurn && peer->transport == &kSocketTransport) {
+    peer->turnBytes = 0;
+    return refuse(EAGAIN);
+  }
   peer->readTurn = loop.turn;
-  return noteInput(peer, retried([=] { return peer->transport->read(peer, buffer, size); }));
+  const ssize_t count = noteInput(peer, retried([=] { return peer->transport->read(peer, buffer, size); }));
+  if (count > 0) peer->turnBytes += static_cast<uint32_t>(count);
+  return count;
 }
 
 /** stdio drops what is not kept. Nothing may follow the gap: the other side would take it for what is missing. */

@@ -232,6 +232,43 @@ TEST_F(EventTest, ABusyPeerDoesNotStarveOthers) {
   EXPECT_LE(probe_.count(PEER_EVENT_DRAINED), 200u);
 }
 
+// There is always more to read.
+TEST_F(EventTest, APeerThatSendsFasterThanItIsReadDoesNotStarveOthers) {
+  constexpr size_t kMostAtOnce = 4 << 20;
+  ZelPeer* peer = makePeer(&other_);
+  Descriptor quietOther;
+  ZelPeer* quiet = makePeer(&quietOther);
+  Probe quietProbe;
+  size_t most = 0;
+  size_t whenQuiet = 0;
+  size_t total = 0;
+  quietProbe.on(quiet, PEER_EVENT_DATA, [&](ZelPeer* one) {
+    readAll(peer_inStream(one));
+    whenQuiet = total;
+    return true;
+  });
+  probe_.on(peer, PEER_EVENT_DATA, [&](ZelPeer* one) {
+    if (total == 0) sendText(quietOther, "x");
+    char block[4096];
+    size_t count = 0;
+    size_t atOnce = 0;
+    do {
+      sendText(other_, std::string(sizeof block, 'y'));
+      count = fread(block, 1, sizeof block, peer_inStream(one));
+      atOnce += count;
+    } while (count == sizeof block && atOnce <= kMostAtOnce);
+    EXPECT_EQ(errno, EAGAIN);
+    clearerr(peer_inStream(one));
+    total += atOnce;
+    most = std::max(most, atOnce);
+    return true;
+  });
+  sendText(other_, "y");
+  ASSERT_TRUE(until([&] { return whenQuiet > 0 && total > 3 * kMostAtOnce; }));
+  EXPECT_LT(most, kMostAtOnce);
+  EXPECT_LT(whenQuiet, kMostAtOnce);
+}
+
 TEST_F(EventTest, WritableIsRaisedWhileTheSocketTakesDataAndNothingIsQueued) {
   ZelPeer* peer = makePeer(&other_);
   probe_.on(peer, PEER_EVENT_WRITABLE, [](ZelPeer*) { return true; });
