@@ -274,6 +274,8 @@ void srv_countRequest(Connection* connection) {
   const HttpServerLimits* const limits = connection->server->limits;
   if (limits == nullptr || limits->requests == 0 || connection->requests < limits->requests) return;
   ++connection->server->refused[HTTP_MSG_MANY_REQUESTS];
+  TRACE_NOTICE("connection ends with its request number %u (%d)", connection->requests,
+               peer_socket(peerOf(connection)));
   connection->reply.message.last = 1;
 }
 

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <krohttp/body.h>
+#include <krohttp/cookie.h>
 #include <krohttp/header.h>
 #include <krohttp/message.h>
 #include <krohttp/reply.h>
@@ -9,6 +10,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -1056,6 +1058,68 @@ TEST(MessageHasBodyNow, IsWhatTheHeadersCallFor) {
   const RequestPtr request(http_requestCreate());
   request->method = HTTP_METHOD_GET;
   EXPECT_FALSE(http_msgHasBody(&request->message));
+}
+
+// --- what would begin another header, or another message -------------------------------------------------------------
+
+struct SplitCase {
+  const char* name;
+  std::function<int(HttpReply*)> set;
+};
+void PrintTo(const SplitCase& row, std::ostream* out) { *out << row.name; }
+
+std::function<int(HttpReply*)> value(std::string text) {
+  return [text](HttpReply* reply) { return http_replyHeaderValueSet(reply, "X", "%s", text.c_str()); };
+}
+std::function<int(HttpReply*)> name(std::string text) {
+  return [text](HttpReply* reply) { return http_replyHeaderValueSet(reply, text.c_str(), "%s", "x"); };
+}
+std::function<int(HttpReply*)> line(std::string text) {
+  return [text](HttpReply* reply) { return msg_setHeaderLine(&reply->message, "%s", text.c_str()); };
+}
+std::function<int(HttpReply*)> reason(std::string text) {
+  return [text](HttpReply* reply) { return http_replyStatusCodeSet(reply, 200, text.c_str()); };
+}
+int setCookie(HttpReply* reply) {
+  HttpHeader header{};
+  http_hdrSetCookieInitialize(&header);
+  EXPECT_EQ(http_cookieSet(&header, "a", "b\r\nX: y", "/", 0), 0);
+  const int result = http_replyHeaderSet(reply, &header);
+  http_hdrCleanup(&header);
+  return result;
+}
+
+const SplitCase kSplits[] = {{"ValueWithAnotherHeader", value("x\r\nSet-Cookie: a=b")},
+                             {"ValueWithABody", value("x\r\n\r\n<html>")},
+                             {"ValueWithALineFeed", value("x\nY: z")},
+                             {"ValueWithAReturn", value("x\rY: z")},
+                             {"ValueThatEndsInALineFeed", value("x\n")},
+                             {"ValueThatEndsInAReturn", value("x\r")},
+                             {"ValueThatBeginsWithALineEnd", value("\r\nY: z")},
+                             {"NameWithAnotherHeader", name("X: y\r\nSet-Cookie")},
+                             {"NameWithALineFeed", name("X\nY")},
+                             {"NameWithAReturn", name("X\rY")},
+                             {"NameThatIsKnown", name("Location\r\nX")},
+                             {"LineWithAnotherHeader", line("X: y\r\nSet-Cookie: a=b")},
+                             {"LineThatEnds", line("X: y\r\n")},
+                             {"ReasonWithAHeader", reason("OK\r\nSet-Cookie: a=b")},
+                             {"ReasonWithALineFeed", reason("OK\nX: y")},
+                             {"ReasonWithAReturn", reason("OK\rX: y")},
+                             {"Cookie", setCookie}};
+class SplitTest : public ::testing::TestWithParam<SplitCase> {};
+INSTANTIATE_TEST_SUITE_P(Message, SplitTest, ::testing::ValuesIn(kSplits),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_P(SplitTest, IsNotSet) {
+  MemoryOutput output;
+  const ReplyPtr reply = outgoing(output.stream());
+  ASSERT_EQ(http_replyHeaderValueSet(reply.get(), "First", "%s", "1"), 0);
+  TraceCapture trace;
+  EXPECT_EQ(GetParam().set(reply.get()), -1);
+  EXPECT_EQ(trace.errors().at(0), "http-me[x]a line end in what is to be sent");
+  ASSERT_EQ(http_replyHeaderValueSet(reply.get(), "Last", "%s", "2"), 0);
+  ASSERT_EQ(http_replySend(reply.get()), 0);
+  EXPECT_EQ(output.text(), "HTTP/1.1 200 OK\r\nFirst: 1\r\nLast: 2\r\n\r\n");
 }
 
 }  // namespace
