@@ -10,14 +10,17 @@
 
 // What a connection is doing, for whoever looks at the time.
 struct ConnectionClock {
+  static constexpr uint32_t kParts = 10;  // of the time over which a rate is measured
+
   int phase = 0;
-  uint32_t request = 0;   // which one of the connection
-  uint32_t seconds = 0;   // in this phase
-  uint32_t still = 0;     // seconds without progress
-  uint64_t position = 0;  // how far the body or the reply is
-  uint32_t windowSeconds = 0;
-  uint64_t windowBytes = 0;
-  bool windowCounts = false;  // not the first one, and all of it could be measured
+  uint32_t request = 0;         // which one of the connection
+  uint32_t seconds = 0;         // in this phase
+  uint32_t still = 0;           // seconds without progress
+  uint64_t position = 0;        // how far the body or the reply is
+  uint32_t moved[kParts] = {};  // bytes in each of the last parts, in a ring
+  uint32_t part = 0;            // the one under way
+  uint32_t partSeconds = 0;     // of it
+  uint32_t partsDone = 0;
 };
 
 // A connection with what only the server needs to know.

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <iterator>
+#include <numeric>
 #include <string_view>
 
 #include "message_internal.h"
@@ -136,16 +137,17 @@ Phase phaseOf(Connection* connection) {
   return isPaused ? kPaused : kApplication;
 }
 
-void beginWindow(ConnectionClock* clock, bool counts) {
-  clock->windowSeconds = 0;
-  clock->windowBytes = 0;
-  clock->windowCounts = counts;
+void addMoved(ConnectionClock* clock, uint64_t bytes) {
+  uint32_t* const moved = &clock->moved[clock->part];
+  *moved = static_cast<uint32_t>(std::min<uint64_t>(*moved + bytes, UINT32_MAX));
 }
 
 // Measures what the last second has moved.
 void measure(Connection* connection, Phase phase) {
   ConnectionClock* const clock = &connection->clock;
-  const uint64_t position = phase == kBody ? connection->request.message.bodyCount : leftOfReply(connection);
+  const uint64_t position = phase == kBody    ? connection->request.message.bodyCount
+                            : phase == kReply ? leftOfReply(connection)
+                                              : 0;
   if (clock->phase != phase || clock->request != connection->requests) {
     *clock = {};
     clock->phase = phase;
@@ -155,24 +157,26 @@ void measure(Connection* connection, Phase phase) {
   }
   ++clock->seconds;
   clock->still = position == clock->position ? clock->still + 1 : 0;
-  ++clock->windowSeconds;
-  if (phase == kReply) {
-    // What was added meanwhile hides what has left.
-    if (position > clock->position) clock->windowCounts = false;
-    if (position < clock->position) clock->windowBytes += clock->position - position;
-  } else if (position > clock->position) {
-    clock->windowBytes += position - clock->position;
-  }
+  if (phase == kBody)
+    addMoved(clock, position - clock->position);
+  else  // what was added to a reply meanwhile hides what has left
+    addMoved(clock, position > clock->position ? UINT32_MAX : clock->position - position);
   clock->position = position;
 }
 
 bool isReached(uint32_t seconds, uint32_t limit) { return limit != 0 && seconds >= limit; }
 
+// Looks at the last rateSeconds whenever a part of them, a second at least, is over. The first ones are free.
 bool isTooSlow(ConnectionClock* clock, const HttpServerLimits& limits) {
-  if (limits.minimumRate == 0 || !isReached(clock->windowSeconds, limits.rateSeconds)) return false;
-  const bool slow =
-      clock->windowCounts && clock->windowBytes < uint64_t{limits.minimumRate} * uint64_t{limits.rateSeconds};
-  beginWindow(clock, true);
+  if (limits.minimumRate == 0 || limits.rateSeconds == 0) return false;
+  const uint32_t parts = std::min(limits.rateSeconds, ConnectionClock::kParts);
+  const uint32_t secondsOfPart = (limits.rateSeconds + parts - 1) / parts;
+  if (++clock->partSeconds < secondsOfPart) return false;
+  clock->partSeconds = 0;
+  const uint64_t moved = std::accumulate(clock->moved, clock->moved + parts, uint64_t{0});
+  const bool slow = ++clock->partsDone >= 2 * parts && moved < uint64_t{limits.minimumRate} * secondsOfPart * parts;
+  clock->part = (clock->part + 1) % parts;
+  clock->moved[clock->part] = 0;
   return slow;
 }
 

@@ -46,7 +46,7 @@ typedef struct HttpServerLimits {
   uint32_t headSeconds;   /**< from a head's first byte to its last: 10, else 408 */
   uint32_t stallSeconds;  /**< without progress of a body or a reply: 60, else 408 or the end */
   uint32_t minimumRate;   /**< bytes a second, of a body or a reply, over rateSeconds: 512, else 408 or the end */
-  uint32_t rateSeconds;   /**< 10; the first ones are free */
+  uint32_t rateSeconds;   /**< 10, of which the first ones are free; beyond 10 rounded up to a multiple of 10 */
   uint32_t idleSeconds;   /**< between requests: 15, then the connection ends */
   uint32_t pausedSeconds; /**< until a paused request goes on: 0, else the connection ends */
   uint32_t requests;      /**< on a connection: 1000, then it ends with the last one's reply */

@@ -609,6 +609,22 @@ TEST_P(ReplyLimitTest, ClientThatReadsTooSlowly) {
   expectRefused(HTTP_MSG_SLOW);
 }
 
+// Each two seconds that are counted off have enough, but not the two in the middle of them.
+TEST_F(LimitsTest, BodyThatRestsBetweenTwoBursts) {
+  limits_.minimumRate = 1000;
+  limits_.rateSeconds = 2;
+  serve();
+  WireClient client(address());
+  const std::string burst(10'000, 'b');
+  client.send("PUT /put HTTP/1.1\r\nHost: x\r\nContent-Length: 1000000\r\n\r\n" + burst);
+  pass(3500);
+  client.send(burst);
+  pass(1000);
+  EXPECT_FALSE(client.ended());
+  EXPECT_TRUE(until([&] { return client.ended(); }, 2));
+  expectRefused(HTTP_MSG_SLOW);
+}
+
 // The kernel has taken all of it, but the client has not.
 TEST_F(LimitsTest, ShortReplyThatIsNotTaken) {
   limits_.stallSeconds = limits_.idleSeconds = 1;
