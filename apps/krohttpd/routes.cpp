@@ -45,13 +45,12 @@ long residentMemory() {
 
 int replyWithCounters(HttpRequest* request, HttpReply* reply) {
   const Counters counters = currentCounters();
-  char json[1536];
-  const int length = std::snprintf(
-      json, sizeof json,
-      "{\"version\":\"%s\",\"connections\":%ld,\"replies\":%ld,\"uptime\":%ld,\"memory\":%ld,\"refused\":%s}\n",
-      KROHTTPD_VERSION, counters.connections, counters.replies, counters.uptime, residentMemory(),
-      refusalsAsJson(counters.refused).c_str());
-  return replyWithText(request, reply, 200, "application/json", {json, static_cast<size_t>(length)});
+  char counts[256];
+  std::snprintf(counts, sizeof counts,
+                "{\"version\":\"%s\",\"connections\":%ld,\"replies\":%ld,\"uptime\":%ld,\"memory\":%ld,",
+                KROHTTPD_VERSION, counters.connections, counters.replies, counters.uptime, residentMemory());
+  const std::string json = counts + ("\"refused\":" + refusalsAsJson(counters.refused)) + "}\n";
+  return replyWithText(request, reply, 200, "application/json", json);
 }
 
 int replyWithFile(HttpRequest* request, HttpReply* reply) {
