@@ -27,7 +27,8 @@ class Terminal {
       std::vector<char*> argv;
       for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
       argv.push_back(nullptr);
-      ::signal(SIGHUP, SIG_DFL);  // the tests may run under nohup
+      // The tests may run under nohup, or in the background of a shell.
+      for (const int number : {SIGHUP, SIGINT, SIGQUIT}) ::signal(number, SIG_DFL);
       execv(argv[0], argv.data());
       _exit(127);
     }
