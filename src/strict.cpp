@@ -3,7 +3,9 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
+#include <cstring>
 
 #define TRACE_ZONE "http-strict"
 #include "trace.h"
@@ -18,12 +20,39 @@ uint8_t refused(HttpMessageRefusal reason, const char* text) {
 constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 // RFC 9110 section 5.6.2.
-constexpr bool isTokenCharacter(char c) {
-  constexpr std::string_view kSigns = "!#$%&'*+-.^_`|~";
-  return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || kSigns.find(c) != std::string_view::npos;
+constexpr std::array<bool, 256> kTokenCharacters = [] {
+  std::array<bool, 256> is{};
+  for (const char c : std::string_view("!#$%&'*+-.^_`|~0123456789")) is[static_cast<unsigned char>(c)] = true;
+  for (unsigned char c = 'a'; c <= 'z'; ++c) is[c] = is[c - 'a' + 'A'] = true;
+  return is;
+}();
+
+bool isToken(std::string_view text) {
+  return !text.empty() &&
+         std::all_of(text.begin(), text.end(), [](char c) { return kTokenCharacters[static_cast<unsigned char>(c)]; });
 }
 
-bool isToken(std::string_view text) { return !text.empty() && std::all_of(text.begin(), text.end(), isTokenCharacter); }
+// Whether one of eight bytes is below ' ' or DEL. Those from 0x80 on are not.
+constexpr bool hasControl(uint64_t bytes) {
+  constexpr uint64_t kEach = 0x0101010101010101;
+  constexpr uint64_t kHigh = 0x80 * kEach;
+  const uint64_t sevenBits = bytes & ~kHigh;
+  const uint64_t notBelow = sevenBits + 0x60 * kEach;  // a high bit for each byte from ' ' on
+  const uint64_t isDel = sevenBits + kEach;            // and for 0x7F
+  return ((~notBelow | isDel) & ~bytes & kHigh) != 0;
+}
+static_assert(!hasControl(0x2020202020202020) && !hasControl(0x7e7e7e7e7e7e7e7e) && !hasControl(0xff80ff80ff80ff80));
+static_assert(hasControl(0x207f202020202020) && hasControl(0x1fffffffffffffff) && hasControl(0x7e7e7e7e7e7e7e00));
+
+// Where the first control byte may be, in a step of eight bytes.
+size_t skipPlain(std::string_view text) {
+  size_t at = 0;
+  for (uint64_t bytes = 0; at + sizeof bytes <= text.size(); at += sizeof bytes) {
+    std::memcpy(&bytes, text.data() + at, sizeof bytes);
+    if (hasControl(bytes)) break;
+  }
+  return at;
+}
 
 constexpr bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
@@ -119,7 +148,7 @@ uint8_t checkHost(const HttpMessage* message, const Framing& framing) {
 uint8_t strict_line(std::string_view line) {
   if (line.size() < 2 || line[line.size() - 2] != '\r') return refused(HTTP_MSG_BARE_LINE_END, "LF without CR");
   line.remove_suffix(2);
-  for (const char c : line) {
+  for (const char c : line.substr(skipPlain(line))) {
     const auto byte = static_cast<unsigned char>(c);
     if (byte == '\r') return refused(HTTP_MSG_BARE_LINE_END, "CR without LF");
     if ((byte < ' ' && byte != '\t') || byte == 0x7F) return refused(HTTP_MSG_CONTROL_BYTE, "control byte");

@@ -29,6 +29,7 @@ constexpr const char* kEchoMethods = "POST, OPTIONS";
 
 std::string root;
 bool demo = false;
+bool strict = true;
 std::function<Counters()> currentCounters;
 
 // --- single answers --------------------------------------------------------------------------------------------------
@@ -69,15 +70,21 @@ bool hasUnknownExpectation(HttpRequest* request) {
   return expectation != nullptr && strcasecmp(expectation, "100-continue") != 0;
 }
 
-// The status that refuses the request, 0 when there is no reason to.
-unsigned refusalOf(HttpRequest* request) {
+// What a strict server has refused by then.
+unsigned refusalOfFraming(HttpRequest* request) {
   const uint8_t* const version = http_requestVersion(request);
   if (version[0] != 1) return 505;
   const Framing framing = framingOf(&request->message);
   if (isAmbiguous(framing)) return 400;
   if (version[1] > 0 && framing.hosts != 1) return 400;  // RFC 9112 section 3.2
   if (http_requestBodyType(request) == HTTP_BODY_UNKNOWN) return 501;
-  if (framing.tooLong) return 413;
+  return framing.tooLong ? 413 : 0;
+}
+
+// The status that refuses the request, 0 when there is no reason to.
+unsigned refusalOf(HttpRequest* request) {
+  const unsigned code = strict ? 0 : refusalOfFraming(request);
+  if (code != 0) return code;
   if (hasUnknownExpectation(request)) return 417;
   switch (http_requestMethod(request)) {
     case HTTP_METHOD_CONNECT:
@@ -184,6 +191,7 @@ void routesSetUp(const Options& options, const Users& users, std::function<Count
                  ZelConnection* connection) {
   root = options.root;
   demo = options.demo;
+  strict = options.limits.strict != 0;
   currentCounters = std::move(counters);
   protectionSetUp(options, users);
   loginSetUp(options, users);
