@@ -29,6 +29,10 @@
 #include <sanitizer/lsan_interface.h>
 #endif
 
+#ifdef KROHTTP_COVERAGE
+extern "C" void __gcov_dump();
+#endif
+
 namespace {
 
 struct Kind {
@@ -250,6 +254,9 @@ Outcome run(const Scenario& scenario, const Fault& fault, const std::vector<Piec
     dup2(said, STDOUT_FILENO);
     dup2(said, STDERR_FILENO);
     runInChild(scenario, fault, expected);
+#ifdef KROHTTP_COVERAGE
+    __gcov_dump();
+#endif
     _exit(0);
   }
   int status = 0;
