@@ -87,6 +87,34 @@ inline Connection* connectionOf(const ZelPeer* peer) {
 
 inline ZelPeer* peerOf(Connection* connection) { return connection->request.message.peer; }
 
+// --- the request cycle (server.cpp) ----------------------------------------------------------------------------------
+
+// How long to leave alone what is ready all the time but does not get on.
+inline constexpr unsigned kPauseMilliseconds = 10;
+
+// Traces when request and reply are not the server's.
+void srv_checkOwnership(const Connection* connection);
+
+// Takes the connection up again without an event. False when there is no memory for that.
+bool srv_startLater(Connection* connection, unsigned milliseconds);
+
+// The handler of an output that is drained.
+bool srv_handleWriteDone(ZelPeer* peer);
+
+// --- files (server_files.cpp) ----------------------------------------------------------------------------------------
+
+// The handlers of an output that is drained, and writable: what comes next of a reply that a descriptor yields.
+bool srv_handleWriteFileReplyDone(ZelPeer* peer);
+bool srv_handleWriteFile(ZelPeer* peer);
+
+// A descriptor that has nothing to send now.
+bool srv_isSourceEmpty(const Connection* connection);
+
+// Closes the descriptor, and forgets it.
+void srv_resetStatic(Connection* connection);
+
+// --- limits (server_limits.cpp) --------------------------------------------------------------------------------------
+
 // Counts @p reason. The caller ends the connection; the application may answer then, or srv_answerRefusal() does.
 void srv_refuse(Connection* connection, uint8_t reason);
 void srv_answerRefusal(Connection* connection);
@@ -103,9 +131,6 @@ bool isLongerThanAllowed(const HttpMessage* request);
 // The head of a request is complete: the limits that show only then. False when it was refused.
 bool srv_checkBody(Connection* connection);
 void srv_countRequest(Connection* connection);
-
-// A descriptor that has nothing to send now.
-bool srv_isSourceEmpty(const Connection* connection);
 
 // The time is looked at as long as there are connections.
 void srv_startSweeping(HttpServer* server);
