@@ -23,7 +23,7 @@ expect "size of /hello" "$("${fetch[@]}" -o /dev/null -w '%{size_download}' "$ur
 expect "/hello over a Unix socket" "$("${fetch[@]}" --fail --unix-socket "$folder/socket" http://x/hello)" "Hello, world!"
 expect "HTTP/1.0" "$("${fetch[@]}" --http1.0 -o /dev/null -w '%{http_code} %{http_version}' "$url/hello")" "200 1"
 expect "/status" "$("${fetch[@]}" "$url/status" | sed 's/:[0-9][0-9]*/:N/g')" \
-  "$(printf '{"version":"%s","connections":N,"replies":N,"uptime":N,"memory":N}' "$("$KROHTTPD" --version | cut -d' ' -f2)")"
+  "$(printf '{"version":"%s","connections":N,"replies":N,"uptime":N,"memory":N,"refused":{}}' "$("$KROHTTPD" --version | cut -d' ' -f2)")"
 
 # --- echoes -----------------------------------------------------------------------------------------------------------
 for name in empty one mebibyte large; do
