@@ -77,8 +77,8 @@ expect "an upload given up" "$("${fetch[@]}" --max-time 1 --limit-rate 100K -F "
 expect "what is left of it" "$(find "$in" -mindepth 1)" ""
 
 # --- others meanwhile -------------------------------------------------------------------------------------------------
-# Five seconds of an upload at 1 MiB/s, and a hundred requests beside it. How long they take is told, not judged.
-head -c 5242880 /dev/urandom >"$files/slow"
+# Twelve seconds of an upload at 1 MiB/s, and a hundred requests beside it. How long they take is told, not judged.
+head -c 12582912 /dev/urandom >"$files/slow"
 launch slow "${fetch[@]}" --limit-rate 1M -F "f=@$files/slow" "$url/upload"
 seconds=()
 for request in {1..100}; do
