@@ -444,7 +444,8 @@ int sendHead(HttpProxy* proxy) {
 
 // The head is on its way; what follows it is the body, or nothing.
 void headForwarded(HttpProxy* proxy) {
-  if (!http_requestHasBody(proxy->request)) {
+  // A request that the application has completed has none, whatever its headers call for.
+  if (proxy->request->message.state == HTTP_MSG_DONE || !http_requestHasBody(proxy->request)) {
     http_requestDone(proxy->forwardRequest);
     switchTo(proxy, HTTP_PROXY_SERVER_REQUEST_FORWARDED);
     return;

@@ -267,6 +267,20 @@ TEST_P(ReplyTest, SaysThatTheConnectionEnds) {
   EXPECT_EQ(ask(kGet).header("Connection"), says ? "close" : "");
 }
 
+// Nothing says how long the form is, so there is none to wait for.
+TEST_F(KrohttpdProxyTest, AFormWithoutALength) {
+  const std::string reply = "HTTP/1.1 204 No Content\r\n\r\n";
+  for (const char* mode : {"--demo", "--lenient"}) {
+    target().always(WireScript().request().send(reply).finish());
+    start({mode, "--proxy-timeout", "0"});
+    WireClient browser(address());
+    browser.send("POST / HTTP/1.1\r\nHost: x\r\nContent-Type: multipart/form-data; boundary=b\r\n\r\n");
+    EXPECT_TRUE(until([&] { return browser.received() == reply; })) << mode;
+    browser.send("GET / HTTP/1.1\r\nHost: x\r\n\r\n");
+    EXPECT_TRUE(until([&] { return browser.received() == reply + reply; })) << mode;
+  }
+}
+
 TEST_F(KrohttpdProxyTest, ATargetThatSaysNothingIsGivenUp) {
   target().always(WireScript().request());
   start({"--proxy-timeout", "1"});
