@@ -512,6 +512,19 @@ bool cl_handleClose(ZelPeer* peer) {
 
 // --- the seam --------------------------------------------------------------------------------------------------------
 
+namespace {
+
+// Nobody goes on with an exchange that has lost one of its messages: the next event ends its connection. It must come,
+// also where reading was to wait.
+void awaitTheEnd(const Connection* connection) {
+  const HttpClient* const client = connection->client;
+  const bool underWay = client->state >= HTTP_CLIENT_SENDING_REQUEST && client->state <= HTTP_CLIENT_RECEIVING_REPLY;
+  if (underWay && client->peer == connection->peer)
+    peer_setEventHandler(connection->peer, PEER_EVENT_DATA, PEER_DIRECTION_IN, cl_handleRead);
+}
+
+}  // namespace
+
 void cl_messageGone(HttpMessage* message) {
   for (Connection* connection = connections; connection != nullptr; connection = connection->next) {
     const bool isRequest = connection->request != nullptr && &connection->request->message == message;
@@ -519,6 +532,7 @@ void cl_messageGone(HttpMessage* message) {
     if (isRequest || isReply) detach(connection, message);
     if (isRequest) connection->request = nullptr;
     if (isReply) connection->reply = nullptr;
+    if (isRequest || isReply) awaitTheEnd(connection);
   }
 }
 

@@ -611,6 +611,25 @@ TEST_F(ClientEarlyTest, RequestDestroyedInTheDrainedHandler) {
   EXPECT_TRUE(until([&] { return target.last().ended() && party.has("closed"); })) << party.said();
 }
 
+// Outside of any handler, while a reply waits to be read.
+TEST_F(ClientEarlyTest, MessageDestroyedBehindAnEarlyReply) {
+  for (const bool isRequest : {true, false}) {
+    WireTarget target;
+    Party party;
+    beginUpload(party, target, false);
+    target.last().send("H");
+    settle();
+    if (isRequest) {
+      http_requestDestroy(party.request);
+      party.request = nullptr;
+    } else {
+      http_replyDestroy(party.reply);
+      party.reply = nullptr;
+    }
+    EXPECT_TRUE(until([&] { return target.last().ended() && party.has("closed"); })) << party.said();
+  }
+}
+
 TEST_F(ClientEarlyTest, WaitsForTheRequestAsARule) {
   WireTarget target;
   Party party;
