@@ -1016,7 +1016,8 @@ int http_msgBodyDiscard(HttpMessage* message) {
 }
 
 int http_msgDone(HttpMessage* message) {
-  const bool wasDone = message->state >= HTTP_MSG_DONE;
+  const bool failed = message->state == HTTP_MSG_FAILED;
+  const bool wasDone = message->state >= HTTP_MSG_DONE && !failed;
   const bool writing = message->mode == HTTP_MSG_WRITING;
   if (writing && message->body == nullptr && message->state <= HTTP_MSG_HEADERS &&
       !msg_writeText(message->stream, "\r\n")) {
@@ -1029,6 +1030,7 @@ int http_msgDone(HttpMessage* message) {
     return fail(message);
   }
   message->state = HTTP_MSG_DONE;
+  if (failed) message->last = 1;  // nobody can tell how much of it has left
   if (!wasDone) msg_completed(message);
   return 0;
 }

@@ -303,4 +303,24 @@ TEST_F(EndingTest, BodyReadToItsEndAndClosedByTheApplicationKeepsTheConnection) 
   EXPECT_FALSE(client.ended());
 }
 
+// What has left is not the whole reply, and no event comes any more.
+TEST_F(EndingTest, ReplyThatFailsAfterItsHeadHasLeftEndsTheConnection) {
+  listen();
+  onRequest = [this](HttpRequest*, HttpReply* reply) {
+    http_replyStatusCodeSet(reply, 200, nullptr);
+    http_replyHeaderValueSet(reply, "Transfer-Encoding", "gzip");
+    EXPECT_EQ(http_replySend(reply), 0);
+    later(50, [reply] {
+      EXPECT_EQ(http_replyBody(reply), nullptr);
+      EXPECT_EQ(http_replyDone(reply), 0);
+    });
+    return 0;
+  };
+  WireClient client(address());
+  client.send("GET /a HTTP/1.1\r\nHost: x\r\n\r\n");
+  EXPECT_TRUE(until([&] { return client.ended(); }));
+  EXPECT_EQ(client.received(), "HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip\r\n\r\n");
+  EXPECT_EQ(callsOf("done"), 1u);
+}
+
 }  // namespace
