@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "auth_internal.h"
+#include "support/messages.h"
 #include "support/script_stream.h"
 #include "support/trace_capture.h"
 
@@ -33,30 +34,9 @@ struct FreeDeleter {
 };
 using Text = std::unique_ptr<char, FreeDeleter>;
 
-struct Destroy {
-  void operator()(HttpRequest* request) const { http_requestDestroy(request); }
-  void operator()(HttpReply* reply) const { http_replyDestroy(reply); }
-};
-using RequestPtr = std::unique_ptr<HttpRequest, Destroy>;
-using ReplyPtr = std::unique_ptr<HttpReply, Destroy>;
-
-// A request whose head has been read from this stream.
-RequestPtr incoming(FILE* stream) {
-  RequestPtr request(http_requestCreate());
-  http_requestModeSet(request.get(), HTTP_MSG_READING);
-  http_requestStreamSet(request.get(), stream);
-  while (http_requestState(request.get()) < HTTP_MSG_BODY) {
-    if (http_requestParse(request.get()) != 0 || http_requestNeedMoreData(request.get()) != 0) {
-      ADD_FAILURE() << "no complete head";
-      break;
-    }
-  }
-  return request;
-}
-
 // A request with this head, and its stream.
 struct Received {
-  explicit Received(const std::string& wire) : input(wire), request(incoming(input.stream())) {}
+  explicit Received(const std::string& wire) : input(wire), request(incomingRequest(input.stream())) {}
   ScriptInput input;
   RequestPtr request;
 };

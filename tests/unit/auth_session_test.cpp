@@ -19,6 +19,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "support/messages.h"
 #include "support/script_stream.h"
 #include "support/trace_capture.h"
 
@@ -31,33 +32,12 @@ using Lines = std::vector<std::string>;
 constexpr const char* kNone = "(none)";
 std::string orNone(const char* text) { return text == nullptr ? kNone : text; }
 
-struct Destroy {
-  void operator()(HttpRequest* request) const { http_requestDestroy(request); }
-  void operator()(HttpReply* reply) const { http_replyDestroy(reply); }
-};
-using RequestPtr = std::unique_ptr<HttpRequest, Destroy>;
-using ReplyPtr = std::unique_ptr<HttpReply, Destroy>;
-
-// A request whose head has been read from this stream.
-RequestPtr incoming(FILE* stream) {
-  RequestPtr request(http_requestCreate());
-  http_requestModeSet(request.get(), HTTP_MSG_READING);
-  http_requestStreamSet(request.get(), stream);
-  while (http_requestState(request.get()) < HTTP_MSG_BODY) {
-    if (http_requestParse(request.get()) != 0 || http_requestNeedMoreData(request.get()) != 0) {
-      ADD_FAILURE() << "no complete head";
-      break;
-    }
-  }
-  return request;
-}
-
 // A request with these headers and the reply to it.
 class Exchange {
  public:
   explicit Exchange(const std::string& headers = "", const std::string& target = "/")
       : input_("GET " + target + " HTTP/1.1\r\nHost: x\r\n" + headers + "\r\n"),
-        request_(incoming(input_.stream())),
+        request_(incomingRequest(input_.stream())),
         reply_(http_replyCreate()) {}
 
   HttpRequest* request() const { return request_.get(); }

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "auth_internal.h"
+#include "support/messages.h"
 #include "support/script_stream.h"
 #include "support/trace_capture.h"
 
@@ -122,13 +123,9 @@ class Filled {
   HttpHeader typed = {};
 };
 
-struct DestroyReply {
-  void operator()(HttpReply* reply) const { http_replyDestroy(reply); }
-};
-
 // The only header of a message that header was written into; "refused" when it was not, "nothing" when none is there.
 std::string written(HttpHeader* header) {
-  const std::unique_ptr<HttpReply, DestroyReply> reply(http_replyCreate());
+  const ReplyPtr reply(http_replyCreate());
   const int result = http_hdrSerialize(header, &reply->message);
   Lines headers;
   const char* name = nullptr;

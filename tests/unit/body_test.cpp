@@ -17,19 +17,13 @@
 #include <utility>
 #include <vector>
 
+#include "support/messages.h"
 #include "support/script_stream.h"
 #include "support/trace_capture.h"
 
 namespace {
 
 using namespace std::string_literals;
-
-struct Destroy {
-  void operator()(HttpRequest* request) const { http_requestDestroy(request); }
-  void operator()(HttpReply* reply) const { http_replyDestroy(reply); }
-};
-using RequestPtr = std::unique_ptr<HttpRequest, Destroy>;
-using ReplyPtr = std::unique_ptr<HttpReply, Destroy>;
 
 const std::string kPost = "POST / HTTP/1.1\r\n";
 const std::string kChunked = kPost + "Transfer-Encoding: chunked\r\n\r\n";

@@ -16,6 +16,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/messages.h"
 #include "support/script_stream.h"
 #include "support/trace_capture.h"
 
@@ -57,27 +58,6 @@ class SetCookie {
 
   HttpHeader typed;
 };
-
-struct Destroy {
-  void operator()(HttpRequest* request) const { http_requestDestroy(request); }
-  void operator()(HttpReply* reply) const { http_replyDestroy(reply); }
-};
-using RequestPtr = std::unique_ptr<HttpRequest, Destroy>;
-using ReplyPtr = std::unique_ptr<HttpReply, Destroy>;
-
-// A request whose head has been read from this stream.
-RequestPtr incoming(FILE* stream) {
-  RequestPtr request(http_requestCreate());
-  http_requestModeSet(request.get(), HTTP_MSG_READING);
-  http_requestStreamSet(request.get(), stream);
-  while (http_requestState(request.get()) < HTTP_MSG_BODY) {
-    if (http_requestParse(request.get()) != 0 || http_requestNeedMoreData(request.get()) != 0) {
-      ADD_FAILURE() << "no complete head";
-      break;
-    }
-  }
-  return request;
-}
 
 Lines headersOf(HttpReply* reply) {
   Lines headers;
@@ -468,7 +448,7 @@ TEST(CookieGet, AnEmptyNameIsAName) {
 
 TEST(CookieGet, FromARequest) {
   ScriptInput input("GET / HTTP/1.1\r\nHost: x\r\nCOOKIE:  a=1; b=x=y \r\nCookie: c=3\r\n\r\n");
-  const RequestPtr request = incoming(input.stream());
+  const RequestPtr request = incomingRequest(input.stream());
   HttpHeader header;
   http_hdrCookieInitialize(&header);
   ASSERT_EQ(http_requestHeader(request.get(), &header), 0);
@@ -481,7 +461,7 @@ TEST(CookieGet, FromARequest) {
 
 TEST(CookieGet, ARequestWithoutLeavesNothingToRelease) {
   ScriptInput input("GET / HTTP/1.1\r\nSet-Cookie: a=1\r\n\r\n");
-  const RequestPtr request = incoming(input.stream());
+  const RequestPtr request = incomingRequest(input.stream());
   HttpHeader header;
   http_hdrCookieInitialize(&header);
   EXPECT_EQ(http_requestHeader(request.get(), &header), -1);

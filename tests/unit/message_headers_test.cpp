@@ -17,19 +17,13 @@
 #include <string_view>
 #include <vector>
 
+#include "support/messages.h"
 #include "support/script_stream.h"
 #include "support/trace_capture.h"
 
 namespace {
 
 using namespace std::string_literals;
-
-struct Destroy {
-  void operator()(HttpRequest* request) const { http_requestDestroy(request); }
-  void operator()(HttpReply* reply) const { http_replyDestroy(reply); }
-};
-using RequestPtr = std::unique_ptr<HttpRequest, Destroy>;
-using ReplyPtr = std::unique_ptr<HttpReply, Destroy>;
 
 // A reply with a status line, to be written to this stream.
 ReplyPtr outgoing(FILE* stream) {
@@ -38,20 +32,6 @@ ReplyPtr outgoing(FILE* stream) {
   http_msgStreamSet(&reply->message, stream);
   EXPECT_EQ(msg_setStatusLine(&reply->message, "HTTP/1.1 200 OK"), 0);
   return reply;
-}
-
-// A request whose head has been read from this stream.
-RequestPtr incoming(FILE* stream) {
-  RequestPtr request(http_requestCreate());
-  http_msgModeSet(&request->message, HTTP_MSG_READING);
-  http_msgStreamSet(&request->message, stream);
-  while (request->message.state < HTTP_MSG_BODY) {
-    if (http_msgParse(&request->message) != 0 || request->message.needMoreData != 0) {
-      ADD_FAILURE() << "no complete head";
-      break;
-    }
-  }
-  return request;
 }
 
 // The headers from where the iteration stands to its end.
@@ -507,7 +487,7 @@ TEST(MessageHeadersSend, FailsWhereverTheStreamDoes) {
 
 TEST(MessageBody, ForReadingIsOpenedOnce) {
   ScriptInput input("POST / HTTP/1.1\r\nContent-Length: 3\r\n\r\nabcd");
-  const RequestPtr request = incoming(input.stream());
+  const RequestPtr request = incomingRequest(input.stream());
   HttpMessage* const message = &request->message;
   TraceCapture trace{"http-message"};
   FILE* const body = http_msgBody(message);
@@ -544,7 +524,7 @@ TEST(MessageBody, ThatCannotBeOpenedForReading) {
     SCOPED_TRACE(head);
     const TraceCapture quiet;
     ScriptInput input(head + "abc");
-    const RequestPtr request = incoming(input.stream());
+    const RequestPtr request = incomingRequest(input.stream());
     TraceCapture trace;
     EXPECT_EQ(http_msgBody(&request->message), nullptr);
     ASSERT_FALSE(trace.errors().empty());
@@ -676,7 +656,7 @@ TEST_P(MessageBodyDiscard, WhereverTheBodyIsCut) {
     SCOPED_TRACE("cut at octet " + std::to_string(cut));
     ScriptInput input(row.head + "\r\n");
     input.bytes(row.body.substr(0, cut)).hold().bytes(row.body.substr(cut) + row.behind);
-    const RequestPtr request = incoming(input.stream());
+    const RequestPtr request = incomingRequest(input.stream());
     TraceCapture trace;
     int calls = 0;
     do {
@@ -718,7 +698,7 @@ TEST(MessageBodyDiscarding, FailsWithTheStream) {
     SCOPED_TRACE(row.header);
     ScriptInput input("POST / HTTP/1.1\r\n" + row.header + "\r\n");
     input.bytes("1").hold(EIO);
-    const RequestPtr request = incoming(input.stream());
+    const RequestPtr request = incomingRequest(input.stream());
     TraceCapture trace;
     EXPECT_EQ(http_msgBodyDiscard(&request->message), -1);
     ASSERT_FALSE(trace.errors().empty());
@@ -731,7 +711,7 @@ TEST(MessageBodyDiscarding, FailsWithTheStream) {
 
 TEST(MessageBodyDiscarding, WithoutABodyReadsNothing) {
   ScriptInput input("GET / HTTP/1.1\r\n\r\nGET");
-  const RequestPtr request = incoming(input.stream());
+  const RequestPtr request = incomingRequest(input.stream());
   const TraceCapture trace;
   http_msgBodyDiscard(&request->message);
   EXPECT_EQ(request->message.body, nullptr);
@@ -802,7 +782,7 @@ TEST(MessageDone, ReadsOneBlockOfAnIncomingBody) {
   const std::string block(4096, 'b');
   ScriptInput input("POST / HTTP/1.1\r\nContent-Length: 40960\r\n\r\n");
   for (int at = 0; at < 10; ++at) input.bytes(block).error(EAGAIN);
-  const RequestPtr request = incoming(input.stream());
+  const RequestPtr request = incomingRequest(input.stream());
   ASSERT_NE(http_msgBody(&request->message), nullptr);
   TraceCapture trace{"http-message"};
   EXPECT_EQ(http_msgDone(&request->message), 0);
@@ -818,7 +798,7 @@ TEST(MessageDone, ReadsOneBlockOfAnIncomingBody) {
 
 TEST(MessageDone, ReadsTheRestOfAShortBody) {
   ScriptInput input("POST / HTTP/1.1\r\nContent-Length: 3\r\n\r\nabcGET");
-  const RequestPtr request = incoming(input.stream());
+  const RequestPtr request = incomingRequest(input.stream());
   ASSERT_NE(http_msgBody(&request->message), nullptr);
   EXPECT_EQ(http_msgDone(&request->message), 0);
   EXPECT_EQ(request->message.state, 3);
@@ -829,7 +809,7 @@ TEST(MessageDone, ReadsTheRestOfAShortBody) {
 
 TEST(MessageDone, ReadsNothingOfABodyThatWasNotOpened) {
   ScriptInput input("POST / HTTP/1.1\r\nContent-Length: 3\r\n\r\nabcGET");
-  const RequestPtr request = incoming(input.stream());
+  const RequestPtr request = incomingRequest(input.stream());
   EXPECT_EQ(http_msgDone(&request->message), 0);
   EXPECT_EQ(request->message.state, 3);
   EXPECT_EQ(input.rest(), "abcGET");
@@ -941,7 +921,7 @@ TEST(MessageReset, EndsARunningIteration) {
 
 TEST(MessageReset, TheIterationOfTheNextMessageStartsAtItsFirstHeader) {
   ScriptInput input("GET / HTTP/1.1\r\nA: 1\r\nB: 2\r\n\r\nGET / HTTP/1.1\r\nX-Longer-Name: 3\r\nVia: 4\r\n\r\n");
-  const RequestPtr request = incoming(input.stream());
+  const RequestPtr request = incomingRequest(input.stream());
   const char* name = nullptr;
   const char* value = nullptr;
   ASSERT_EQ(http_msgHeadersNext(&request->message, &name, &value), 0);
@@ -954,7 +934,7 @@ TEST(MessageReset, TheIterationOfTheNextMessageStartsAtItsFirstHeader) {
 TEST(MessageReset, TheTextsOfTheMessageBeforeAreGoneWithTheNextRead) {
   ScriptInput input("GET /path?query HTTP/1.1\r\n\r\n");
   input.bytes("POST /").hold();
-  const RequestPtr request = incoming(input.stream());
+  const RequestPtr request = incomingRequest(input.stream());
   http_msgReset(&request->message);
   ASSERT_EQ(http_msgParse(&request->message), 0);
   EXPECT_EQ(http_requestPath(request.get()), nullptr);
@@ -979,7 +959,7 @@ TEST(MessageReset, ForgetsThatABodyWasCut) {
 
 TEST(MessageReset, AllowsAnotherMessageInTheSameBuffer) {
   ScriptInput input("GET /first HTTP/1.1\r\nHost: a\r\n\r\nHEAD /second HTTP/1.0\r\nVia: b\r\n\r\n");
-  const RequestPtr request = incoming(input.stream());
+  const RequestPtr request = incomingRequest(input.stream());
   const char* const buffer = request->message.buffer;
   http_msgReset(&request->message);
   while (request->message.state < HTTP_MSG_BODY) ASSERT_EQ(http_msgParse(&request->message), 0);

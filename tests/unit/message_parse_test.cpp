@@ -13,19 +13,13 @@
 #include <string_view>
 #include <vector>
 
+#include "support/messages.h"
 #include "support/script_stream.h"
 #include "support/trace_capture.h"
 
 namespace {
 
 using namespace std::string_literals;
-
-struct Destroy {
-  void operator()(HttpRequest* request) const { http_requestDestroy(request); }
-  void operator()(HttpReply* reply) const { http_replyDestroy(reply); }
-};
-using RequestPtr = std::unique_ptr<HttpRequest, Destroy>;
-using ReplyPtr = std::unique_ptr<HttpReply, Destroy>;
 
 // A message to be read, of either type, on the heap in its exact size.
 class Incoming {

@@ -20,17 +20,11 @@
 #include <string_view>
 #include <vector>
 
+#include "support/messages.h"
 #include "support/script_stream.h"
 #include "support/trace_capture.h"
 
 namespace {
-
-struct Destroy {
-  void operator()(HttpRequest* request) const { http_requestDestroy(request); }
-  void operator()(HttpReply* reply) const { http_replyDestroy(reply); }
-};
-using RequestPtr = std::unique_ptr<HttpRequest, Destroy>;
-using ReplyPtr = std::unique_ptr<HttpReply, Destroy>;
 
 RequestPtr newRequest() { return RequestPtr(http_requestCreate()); }
 ReplyPtr newReply() { return ReplyPtr(http_replyCreate()); }

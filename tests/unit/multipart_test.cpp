@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "support/messages.h"
 #include "support/multipart_bodies.h"
 #include "support/script_stream.h"
 #include "support/trace_capture.h"
@@ -993,17 +994,13 @@ TEST_F(Multipart, RequestWithoutAConnectionCannotBePaused) {
   EXPECT_EQ(upload.partCalls(), 0u) << "a resume that fails reads nothing";
 }
 
-struct DestroyReply {
-  void operator()(HttpReply* reply) const { http_replyDestroy(reply); }
-};
-
 // A reply is taken apart as well, but cannot be paused.
 TEST_F(Multipart, ReplyIsReadAndNotPaused) {
   const std::string body = bodyOf({"0123", "89"});
   ScriptInput input(
       "HTTP/1.1 206 Partial Content\r\nContent-Type: multipart/byteranges; boundary=XyZ\r\nContent-Length: " +
       std::to_string(body.size()) + "\r\n\r\n" + body + "HTTP/1.1 200 OK\r\n");
-  const std::unique_ptr<HttpReply, DestroyReply> reply(http_replyCreate());
+  const ReplyPtr reply(http_replyCreate());
   HttpMessage* const message = &reply->message;
   http_msgModeSet(message, HTTP_MSG_READING);
   http_msgStreamSet(message, input.stream());

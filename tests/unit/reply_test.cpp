@@ -14,17 +14,13 @@
 #include <string_view>
 #include <vector>
 
+#include "support/messages.h"
 #include "support/script_stream.h"
 #include "support/trace_capture.h"
 
 namespace {
 
 using namespace std::string_literals;
-
-struct Destroy {
-  void operator()(HttpReply* reply) const { http_replyDestroy(reply); }
-};
-using ReplyPtr = std::unique_ptr<HttpReply, Destroy>;
 
 // A reply to be written to this stream.
 ReplyPtr outgoing(FILE* stream) {

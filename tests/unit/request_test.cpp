@@ -12,17 +12,13 @@
 #include <string_view>
 #include <vector>
 
+#include "support/messages.h"
 #include "support/script_stream.h"
 #include "support/trace_capture.h"
 
 namespace {
 
 using namespace std::string_literals;
-
-struct Destroy {
-  void operator()(HttpRequest* request) const { http_requestDestroy(request); }
-};
-using RequestPtr = std::unique_ptr<HttpRequest, Destroy>;
 
 // A request to be written to this stream.
 RequestPtr outgoing(FILE* stream) {

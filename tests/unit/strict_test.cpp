@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 
+#include "support/messages.h"
 #include "support/script_stream.h"
 #include "support/trace_capture.h"
 
@@ -192,11 +193,6 @@ std::unique_ptr<ScriptInput> arriving(std::string_view wire, Arrival arrival) {
   return input;
 }
 
-struct Destroy {
-  void operator()(HttpRequest* request) const { http_requestDestroy(request); }
-  void operator()(HttpReply* reply) const { http_replyDestroy(reply); }
-};
-
 constexpr int kEnded = -1;
 
 // Parses until the head is complete (HTTP_MSG_ACCEPTED), refused (its reason), or the stream is at its end (kEnded).
@@ -220,7 +216,7 @@ int parseHead(HttpMessage* message, ScriptInput& input) {
 
 int strictlyParsed(std::string_view wire, Arrival arrival) {
   const auto input = arriving(wire, arrival);
-  const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+  const RequestPtr request(http_requestCreate());
   request->message.strict = 1;
   return parseHead(&request->message, *input);
 }
@@ -332,7 +328,7 @@ TEST_P(StrictPlace, NoReasonOfTheirsWithoutStrictness) {
     SCOPED_TRACE("byte " + std::to_string(byte));
     const TraceCapture trace;
     ScriptInput input(GetParam().before + static_cast<char>(byte) + GetParam().after);
-    const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+    const RequestPtr request(http_requestCreate());
     EXPECT_LE(parseHead(&request->message, input), HTTP_MSG_BAD_HEADER);
     EXPECT_EQ(trace.countStarting("http-st["), 0u);
   }
@@ -499,7 +495,7 @@ TEST_P(StrictHead, OctetByOctet) {
 TEST_P(StrictHead, WithoutStrictness) {
   const TraceCapture trace;
   ScriptInput input(GetParam().wire);
-  const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+  const RequestPtr request(http_requestCreate());
   EXPECT_LE(parseHead(&request->message, input), HTTP_MSG_BAD_HEADER);
   EXPECT_EQ(trace.countStarting("http-st["), 0u);
 }
@@ -535,7 +531,7 @@ TEST_P(StrictReplyHead, HoweverItArrives) {
   for (const Arrival arrival : kArrivals) {
     const TraceCapture trace;
     const auto input = arriving(GetParam().wire, arrival);
-    const std::unique_ptr<HttpReply, Destroy> reply(http_replyCreate());
+    const ReplyPtr reply(http_replyCreate());
     reply->message.strict = 1;
     EXPECT_EQ(parseHead(&reply->message, *input), GetParam().reason);
     EXPECT_EQ(trace.countStarting("http-st[x]message is refused: "), GetParam().reason == HTTP_MSG_ACCEPTED ? 0u : 1u);
@@ -634,7 +630,7 @@ TEST_P(StrictChunks, HoweverTheyArrive) {
     SCOPED_TRACE(arrival == kAtOnce ? "at once" : "octet by octet");
     const TraceCapture trace;
     const auto input = arriving(kChunkedHead + GetParam().wire, arrival);
-    const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+    const RequestPtr request(http_requestCreate());
     request->message.strict = 1;
     ASSERT_EQ(parseHead(&request->message, *input), HTTP_MSG_ACCEPTED);
     const Outcome outcome = readBody(&request->message, *input);
@@ -648,7 +644,7 @@ TEST_P(StrictChunks, HoweverTheyArrive) {
 TEST_P(StrictChunks, NoReasonWithoutStrictness) {
   const TraceCapture trace;
   ScriptInput input(kChunkedHead + GetParam().wire);
-  const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+  const RequestPtr request(http_requestCreate());
   ASSERT_EQ(parseHead(&request->message, input), HTTP_MSG_ACCEPTED);
   EXPECT_EQ(readBody(&request->message, input).refusal, HTTP_MSG_ACCEPTED);
 }
@@ -659,7 +655,7 @@ TEST(StrictChunkSize, EveryByteBehindTheSize) {
       SCOPED_TRACE("byte " + std::to_string(byte));
       const TraceCapture trace;
       const auto input = arriving(kChunkedHead + "0" + static_cast<char>(byte) + "\r\n", arrival);
-      const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+      const RequestPtr request(http_requestCreate());
       request->message.strict = 1;
       ASSERT_EQ(parseHead(&request->message, *input), HTTP_MSG_ACCEPTED);
       const Outcome outcome = readBody(&request->message, *input);
@@ -675,7 +671,7 @@ TEST(StrictChunkSize, EveryByteBehindTheData) {
       const bool afterCarriageReturn = before.back() == '\r';
       const TraceCapture trace;
       ScriptInput input(kChunkedHead + before + static_cast<char>(byte));
-      const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+      const RequestPtr request(http_requestCreate());
       request->message.strict = 1;
       ASSERT_EQ(parseHead(&request->message, input), HTTP_MSG_ACCEPTED);
       const Outcome outcome = readBody(&request->message, input);
@@ -745,7 +741,7 @@ TEST_P(MessageLimit, IsExact) {
           SCOPED_TRACE(std::to_string(amount) + " of " + std::to_string(most) + (strict ? ", strict" : ""));
           const TraceCapture trace;
           const auto input = arriving(wire(amount), arrival);
-          const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+          const RequestPtr request(http_requestCreate());
           request->message.*limit = most;
           request->message.strict = strict;
           EXPECT_EQ(parseHead(&request->message, *input), amount <= most ? HTTP_MSG_ACCEPTED : reason);
@@ -756,7 +752,7 @@ TEST_P(MessageLimit, IsExact) {
 TEST_P(MessageLimit, IsOffWhenZero) {
   const TraceCapture trace;
   ScriptInput input(GetParam().wire(20000));
-  const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+  const RequestPtr request(http_requestCreate());
   EXPECT_EQ(parseHead(&request->message, input), HTTP_MSG_ACCEPTED);
 }
 
@@ -765,7 +761,7 @@ TEST_P(MessageLimit, HoldsForEachMessage) {
   const auto& [name, limit, wire, least, reason, text] = GetParam();
   const TraceCapture trace;
   ScriptInput input(wire(60) + wire(60) + wire(61));
-  const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+  const RequestPtr request(http_requestCreate());
   request->message.*limit = 60;
   EXPECT_EQ(parseHead(&request->message, input), HTTP_MSG_ACCEPTED);
   http_requestReset(request.get());
@@ -779,7 +775,7 @@ TEST(MessageLimit, LineThatDoesNotEnd) {
   const TraceCapture trace;
   ScriptInput input;
   input.trickle("GET /" + std::string(1000, 'a'));
-  const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+  const RequestPtr request(http_requestCreate());
   request->message.lineLimit = 100;
   EXPECT_EQ(parseHead(&request->message, input), HTTP_MSG_LONG_LINE);
   EXPECT_EQ(input.pending(), 1005u - 101u);
@@ -789,7 +785,7 @@ TEST(MessageLimit, HeaderThatDoesNotEnd) {
   const TraceCapture trace;
   ScriptInput input;
   input.trickle("GET / HTTP/1.1\r\nA: " + std::string(1000, 'a'));
-  const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+  const RequestPtr request(http_requestCreate());
   request->message.headLimit = 100;
   EXPECT_EQ(parseHead(&request->message, input), HTTP_MSG_LARGE_HEAD);
   EXPECT_EQ(input.pending(), 1019u - 101u);
@@ -800,7 +796,7 @@ TEST(MessageLimit, LineOfControlBytes) {
   const TraceCapture trace;
   ScriptInput input;
   input.trickle(std::string(1000, '\x01'));
-  const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+  const RequestPtr request(http_requestCreate());
   request->message.lineLimit = 100;
   request->message.strict = 1;
   EXPECT_EQ(parseHead(&request->message, input), HTTP_MSG_LONG_LINE);
@@ -853,7 +849,7 @@ TEST_P(BodyLimit, IsExact) {
         const TraceCapture trace;
         const std::string body(amount, 'b');
         const auto input = arriving(GetParam().wire(body), arrival);
-        const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+        const RequestPtr request(http_requestCreate());
         request->message.bodyLimit = most;
         ASSERT_EQ(parseHead(&request->message, *input), HTTP_MSG_ACCEPTED);
         const Outcome outcome = readBody(&request->message, *input);
@@ -871,7 +867,7 @@ TEST_P(BodyLimit, IsOffWhenZero) {
   const TraceCapture trace;
   const std::string body(20000, 'b');
   ScriptInput input(GetParam().wire(body));
-  const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+  const RequestPtr request(http_requestCreate());
   ASSERT_EQ(parseHead(&request->message, input), HTTP_MSG_ACCEPTED);
   const Outcome outcome = readBody(&request->message, input);
   EXPECT_EQ(outcome.body, body);
@@ -882,7 +878,7 @@ TEST_P(BodyLimit, HoldsForEachMessage) {
   const TraceCapture trace;
   const std::string body(100, 'b');
   ScriptInput input(GetParam().wire(body) + GetParam().wire(body));
-  const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+  const RequestPtr request(http_requestCreate());
   request->message.bodyLimit = 100;
   for (int message = 0; message < 2; ++message) {
     ASSERT_EQ(parseHead(&request->message, input), HTTP_MSG_ACCEPTED);
@@ -896,7 +892,7 @@ TEST(BodyLimit, BytesReadAgainCountOnce) {
   const TraceCapture trace;
   const std::string body(100, 'b');
   ScriptInput input(kBodies[1].wire(body));
-  const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+  const RequestPtr request(http_requestCreate());
   request->message.bodyLimit = 100;
   ASSERT_EQ(parseHead(&request->message, input), HTTP_MSG_ACCEPTED);
   FILE* const stream = http_msgBody(&request->message);
@@ -915,7 +911,7 @@ TEST_P(BodyLimit, HoldsForWhatIsDropped) {
   const TraceCapture trace;
   for (const size_t amount : {1000u, 1001u}) {
     ScriptInput input(GetParam().wire(std::string(amount, 'b')));
-    const std::unique_ptr<HttpRequest, Destroy> request(http_requestCreate());
+    const RequestPtr request(http_requestCreate());
     request->message.bodyLimit = 1000;
     ASSERT_EQ(parseHead(&request->message, input), HTTP_MSG_ACCEPTED);
     EXPECT_EQ(http_msgBodyDiscard(&request->message), amount == 1000 ? 0 : -1);
