@@ -331,9 +331,12 @@ bool isSizeLineInOrder(const ChunkedBody* body) {
   return significant == std::string_view::npos || digits.size() - significant <= kMostDigits;
 }
 
-int refuseChunk(ChunkedBody* body, int error) {
-  TRACE_ERROR("message is refused: chunk");
-  body->message->refusal = HTTP_MSG_BAD_CHUNK;
+// What came is no chunk: to a strict reader a reason to refuse the message.
+int badChunk(ChunkedBody* body, int error) {
+  if (body->message->strict) {
+    TRACE_ERROR("message is refused: chunk");
+    body->message->refusal = HTTP_MSG_BAD_CHUNK;
+  }
   return chunkFailed(body, error);
 }
 
@@ -350,13 +353,13 @@ int readChunkSize(ChunkedBody* body) {
   TRACE_INFO("reading chunk size");
   for (;;) {
     if (sizeLineComplete(body)) {
-      if (body->message->strict && !isSizeLineInOrder(body)) return refuseChunk(body, EBADMSG);
+      if (body->message->strict && !isSizeLineInOrder(body)) return badChunk(body, EBADMSG);
       takeChunkSize(body);
       return 0;
     }
     if (body->lineLength > static_cast<int>(kChunkLine) - 1) {
       TRACE_INFO("unable to parse chunk size");
-      return body->message->strict ? refuseChunk(body, EBADMSG) : -1;
+      return badChunk(body, EBADMSG);
     }
     errno = 0;
     const int c = getc_unlocked(body->parent);
@@ -364,7 +367,7 @@ int readChunkSize(ChunkedBody* body) {
     // Neither extensions nor blanks are taken.
     if (!std::isxdigit(c) && c != '\r' && c != '\n') {
       TRACE_ERROR("unable to parse chunk size (invalid char %c in %.*s)", c, body->lineLength, body->line);
-      return body->message->strict ? refuseChunk(body, EBADMSG) : chunkFailed(body, EBADMSG);
+      return badChunk(body, EBADMSG);
     }
     body->line[body->lineLength++] = static_cast<char>(c);
   }
@@ -393,7 +396,7 @@ int readChunkEnd(ChunkedBody* body) {
     if (c == EOF) return chunkStopped(body);
     if (c != (body->eolCount == 0 ? '\r' : '\n')) {
       TRACE_ERROR("unable to read chunk, invalid format");
-      return body->message->strict ? refuseChunk(body, EBADF) : chunkFailed(body, EBADF);
+      return badChunk(body, EBADF);
     }
     ++body->eolCount;
   }
