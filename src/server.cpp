@@ -476,13 +476,14 @@ void reportClose(Connection* connection, ZelPeer* peer) {
   HttpServer* const server = connection->server;
   HttpRequest* const request = &connection->request;
   HttpReply* const reply = &connection->reply;
+  const bool refused = connection->refusedFor != HTTP_MSG_ACCEPTED;  // which has been told
   switch (connection->state) {
     case HTTP_SERVER_INIT:
     case HTTP_SERVER_ACCEPTED:
       TRACE_NOTICE("closing kept-alive connection");
       break;
     case HTTP_SERVER_RECEIVING_REQUEST:
-      if (connection->refusedFor == HTTP_MSG_ACCEPTED) TRACE_ERROR("client closed connection while reading request");
+      if (!refused) TRACE_ERROR("client closed connection while reading request");
       if (server->errorHandler != nullptr) server->errorHandler(request, reply);
       break;
     case HTTP_SERVER_SENDING_REPLY:
@@ -498,10 +499,9 @@ void reportClose(Connection* connection, ZelPeer* peer) {
     case HTTP_SERVER_REQUEST_RECEIVED:
     case HTTP_SERVER_REPLY_SENT:
     case HTTP_SERVER_ERROR:
-      if (connection->refusedFor == HTTP_MSG_ACCEPTED)
-        TRACE_ERROR("closed while in state %s", nameOf(connection->state));
+      if (!refused) TRACE_ERROR("closed while in state %s", nameOf(connection->state));
       if (server->errorHandler == nullptr) break;
-      if (connection->refusedFor == HTTP_MSG_ACCEPTED) TRACE_ERROR("calling error handler");
+      if (!refused) TRACE_ERROR("calling error handler");
       server->errorHandler(request, reply);
       break;
   }

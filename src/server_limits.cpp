@@ -30,43 +30,64 @@ constexpr unsigned kSweepMilliseconds = 1000;
 struct Refusal {
   const char* name;
   unsigned code;  // 0: the connection ends without an answer
-  const char* phrase;
 };
 
 // By HttpMessageRefusal.
-constexpr Refusal kRefusals[] = {{"none", 0, nullptr},
-                                 {"first-line", 400, "Bad Request"},
-                                 {"version", 505, "HTTP Version Not Supported"},
-                                 {"method", 501, "Not Implemented"},
-                                 {"target", 400, "Bad Request"},
-                                 {"header", 400, "Bad Request"},
-                                 {"long-line", 414, "URI Too Long"},
-                                 {"large-head", 431, "Request Header Fields Too Large"},
-                                 {"many-headers", 431, "Request Header Fields Too Large"},
-                                 {"large-body", 413, "Content Too Large"},
-                                 {"slow-head", 408, "Request Timeout"},
-                                 {"stalled", 408, "Request Timeout"},
-                                 {"slow", 408, "Request Timeout"},
-                                 {"idle", 0, nullptr},
-                                 {"many-requests", 0, nullptr},
-                                 {"many-connections", 503, "Service Unavailable"},
-                                 {"forgotten", 0, nullptr},
-                                 {"length-and-coding", 400, "Bad Request"},
-                                 {"repeated-length", 400, "Bad Request"},
-                                 {"length", 400, "Bad Request"},
-                                 {"coding", 400, "Bad Request"},
-                                 {"chunk", 400, "Bad Request"},
-                                 {"bare-line-end", 400, "Bad Request"},
-                                 {"control-byte", 400, "Bad Request"},
-                                 {"blank-before-colon", 400, "Bad Request"},
-                                 {"folded-line", 400, "Bad Request"},
-                                 {"name", 400, "Bad Request"},
-                                 {"no-host", 400, "Bad Request"},
-                                 {"repeated-host", 400, "Bad Request"},
-                                 {"other-host", 400, "Bad Request"},
-                                 {"other-version", 505, "HTTP Version Not Supported"},
-                                 {"method-no-token", 400, "Bad Request"}};
+constexpr Refusal kRefusals[] = {{"none", 0},
+                                 {"first-line", 400},
+                                 {"version", 505},
+                                 {"method", 501},
+                                 {"target", 400},
+                                 {"header", 400},
+                                 {"long-line", 414},
+                                 {"large-head", 431},
+                                 {"many-headers", 431},
+                                 {"large-body", 413},
+                                 {"slow-head", 408},
+                                 {"stalled", 408},
+                                 {"slow", 408},
+                                 {"idle", 0},
+                                 {"many-requests", 0},
+                                 {"many-connections", 503},
+                                 {"forgotten", 0},
+                                 {"length-and-coding", 400},
+                                 {"repeated-length", 400},
+                                 {"length", 400},
+                                 {"coding", 400},
+                                 {"chunk", 400},
+                                 {"bare-line-end", 400},
+                                 {"control-byte", 400},
+                                 {"blank-before-colon", 400},
+                                 {"folded-line", 400},
+                                 {"name", 400},
+                                 {"no-host", 400},
+                                 {"repeated-host", 400},
+                                 {"other-host", 400},
+                                 {"other-version", 505},
+                                 {"method-no-token", 400}};
 static_assert(std::size(kRefusals) == HTTP_MSG_REFUSALS);
+
+// RFC 9110 section 15 and RFC 6585 section 5; the standard phrases of the library are older.
+constexpr std::string_view phraseOf(unsigned code) {
+  switch (code) {
+    case 400:
+      return "Bad Request";
+    case 408:
+      return "Request Timeout";
+    case 413:
+      return "Content Too Large";
+    case 414:
+      return "URI Too Long";
+    case 431:
+      return "Request Header Fields Too Large";
+    case 501:
+      return "Not Implemented";
+    case 503:
+      return "Service Unavailable";
+    default:
+      return "HTTP Version Not Supported";
+  }
+}
 
 // A request is there, or has begun, and nothing of its reply has been sent.
 bool isUnanswered(const Connection* connection) {
@@ -74,21 +95,21 @@ bool isUnanswered(const Connection* connection) {
   return begun && connection->reply.message.state < HTTP_MSG_BODY;
 }
 
-void answer(HttpReply* reply, const Refusal& with) {
+void answer(HttpReply* reply, unsigned code) {
   http_replyReset(reply);
   reply->statusCode = 0;
   http_replyVersionSet(reply, 1, 1);
   HttpHeader date{};
   date.code = HTTP_HEADER_DATE;
   date.date.time = std::time(nullptr);
-  const std::string_view text = with.phrase;
+  const std::string_view phrase = phraseOf(code);
   const bool headSent =
-      http_replyStatusCodeSet(reply, with.code, with.phrase) == 0 && http_replyHeaderSet(reply, &date) == 0 &&
+      http_replyStatusCodeSet(reply, code, phrase.data()) == 0 && http_replyHeaderSet(reply, &date) == 0 &&
       http_replyHeaderValueSet(reply, "Connection", "close") == 0 &&
       http_replyHeaderValueSet(reply, "Content-Type", "text/plain; charset=utf-8") == 0 &&
-      http_replyHeaderValueSet(reply, "Content-Length", "%zu", text.size() + 1) == 0 && http_replySend(reply) == 0;
+      http_replyHeaderValueSet(reply, "Content-Length", "%zu", phrase.size() + 1) == 0 && http_replySend(reply) == 0;
   if (!headSent) return;
-  if (FILE* const body = http_replyBody(reply)) std::fprintf(body, "%s\n", with.phrase);
+  if (FILE* const body = http_replyBody(reply)) std::fprintf(body, "%s\n", phrase.data());
   http_replyDone(reply);
 }
 
@@ -119,22 +140,33 @@ bool awaitsApplication(Connection* connection) {
   return heldOfBody(connection->request.message) > 0 || peer_peek(peerOf(connection), &next, 1) > 0;
 }
 
-Phase phaseOf(Connection* connection) {
+// What a connection is doing, and how far it is with that.
+struct Look {
+  Phase phase;
+  uint64_t position;  // of a body read, or left of a reply; 0 in the other phases
+};
+
+Look lookAtReply(const Connection* connection, Phase otherwise) {
+  const uint64_t left = leftOfReply(connection);
+  return left > 0 ? Look{kReply, left} : Look{otherwise, 0};
+}
+
+Look lookAt(Connection* connection) {
   const HttpMessage& request = connection->request.message;
+  const bool isPaused = request.paused != HTTP_MSG_RUNNING;
   if (connection->state <= HTTP_SERVER_ACCEPTED) {
-    if (request.fill > 0) return kHead;
+    if (request.fill > 0) return {kHead, 0};
+    // Nothing has been written since.
     const bool wasIdle = connection->clock.phase == kIdle && connection->clock.request == connection->requests;
-    return wasIdle || unacknowledged(peerOf(connection)) == 0 ? kIdle : kReply;
+    return wasIdle ? Look{kIdle, 0} : lookAtReply(connection, kIdle);
   }
   if (connection->state == HTTP_SERVER_RECEIVING_REQUEST) {
-    if (request.state < HTTP_MSG_BODY) return kHead;
-    if (request.state == HTTP_MSG_BODY && request.paused == HTTP_MSG_RUNNING)
-      return awaitsApplication(connection) ? kApplication : kBody;
+    if (request.state < HTTP_MSG_BODY) return {kHead, 0};
+    if (request.state == HTTP_MSG_BODY && !isPaused)
+      return awaitsApplication(connection) ? Look{kApplication, 0} : Look{kBody, request.bodyCount};
   }
   // A request that is paused until its reply has been taken waits for the client.
-  if (leftOfReply(connection) > 0) return kReply;
-  const bool isPaused = connection->state < HTTP_SERVER_SENDING_REPLY && request.paused != HTTP_MSG_RUNNING;
-  return isPaused ? kPaused : kApplication;
+  return lookAtReply(connection, connection->state < HTTP_SERVER_SENDING_REPLY && isPaused ? kPaused : kApplication);
 }
 
 void addMoved(ConnectionClock* clock, uint64_t bytes) {
@@ -143,25 +175,22 @@ void addMoved(ConnectionClock* clock, uint64_t bytes) {
 }
 
 // Measures what the last second has moved.
-void measure(Connection* connection, Phase phase) {
+void measure(Connection* connection, const Look& look) {
   ConnectionClock* const clock = &connection->clock;
-  const uint64_t position = phase == kBody    ? connection->request.message.bodyCount
-                            : phase == kReply ? leftOfReply(connection)
-                                              : 0;
-  if (clock->phase != phase || clock->request != connection->requests) {
+  if (clock->phase != look.phase || clock->request != connection->requests) {
     *clock = {};
-    clock->phase = phase;
+    clock->phase = look.phase;
     clock->request = connection->requests;
-    clock->position = position;
+    clock->position = look.position;
     return;
   }
   ++clock->seconds;
-  clock->still = position == clock->position ? clock->still + 1 : 0;
-  if (phase == kBody)
-    addMoved(clock, position - clock->position);
+  clock->still = look.position == clock->position ? clock->still + 1 : 0;
+  if (look.phase == kBody)
+    addMoved(clock, look.position - clock->position);
   else  // what was added to a reply meanwhile hides what has left
-    addMoved(clock, position > clock->position ? UINT32_MAX : clock->position - position);
-  clock->position = position;
+    addMoved(clock, look.position > clock->position ? UINT32_MAX : clock->position - look.position);
+  clock->position = look.position;
 }
 
 bool isReached(uint32_t seconds, uint32_t limit) { return limit != 0 && seconds >= limit; }
@@ -211,12 +240,12 @@ void sweep(ZelTimer* timer, void* userData) {
   Walk walk;
   while (Connection* const connection = walk.next()) {
     if (connection->server != server || server->limits == nullptr) continue;
-    const Phase phase = phaseOf(connection);
-    measure(connection, phase);
-    const uint8_t reason = overdue(connection, phase, *server->limits);
+    const Look look = lookAt(connection);
+    measure(connection, look);
+    const uint8_t reason = overdue(connection, look.phase, *server->limits);
     if (reason == HTTP_MSG_ACCEPTED) continue;
     srv_refuse(connection, reason);
-    if (phase == kReply) dropUnacknowledged(peerOf(connection));
+    if (look.phase == kReply) dropUnacknowledged(peerOf(connection));
     peer_destroy(peerOf(connection));
   }
 }
@@ -248,18 +277,19 @@ void srv_refuse(Connection* connection, uint8_t reason) {
 }
 
 void srv_answerRefusal(Connection* connection) {
-  const Refusal& refusal = kRefusals[connection->refusedFor];
-  if (refusal.code != 0 && isUnanswered(connection)) answer(&connection->reply, refusal);
+  const unsigned code = kRefusals[connection->refusedFor].code;
+  if (code != 0 && isUnanswered(connection)) answer(&connection->reply, code);
 }
 
 void srv_limitRequest(Connection* connection) {
-  const HttpServerLimits* const limits = connection->server->limits;
+  static constexpr HttpServerLimits kNone{};
+  const HttpServerLimits& limits = connection->server->limits != nullptr ? *connection->server->limits : kNone;
   HttpMessage* const request = &connection->request.message;
-  request->lineLimit = limits != nullptr ? limits->lineBytes : 0;
-  request->headLimit = limits != nullptr ? limits->headBytes : 0;
-  request->headerLimit = limits != nullptr ? limits->headers : 0;
-  request->bodyLimit = limits != nullptr ? limits->bodyBytes : 0;
-  request->strict = limits != nullptr ? limits->strict : 0;
+  request->lineLimit = limits.lineBytes;
+  request->headLimit = limits.headBytes;
+  request->headerLimit = limits.headers;
+  request->bodyLimit = limits.bodyBytes;
+  request->strict = limits.strict;
 }
 
 bool srv_admit(HttpServer* server, ZelPeer* peer) {
