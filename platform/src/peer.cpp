@@ -41,10 +41,7 @@ int pollNow(const ZelPeer* peer, short events) {
 /** Asks the transport, which may hold bytes of its own. @return as recv() */
 ssize_t peekOne(ZelPeer* peer) {
   char byte;
-  ssize_t result;
-  do result = peer->transport->peek(peer, &byte, 1);
-  while (result < 0 && errno == EINTR);
-  return result;
+  return retried([&] { return peer->transport->peek(peer, &byte, 1); });
 }
 
 /** Something can be read without waiting for the socket. */

@@ -13,6 +13,7 @@
 #include <zel/peer.h>
 #include <zel/timer.h>
 
+#include <cerrno>
 #include <cstdint>
 
 #include "link.h"
@@ -175,6 +176,15 @@ void peer_onPoll(uv_poll_t* handle, int status, int events);
 void peer_failLater(ZelPeer* peer, uint32_t reason); /**< the loop ends it, with @p reason as zel_error */
 void peer_applyInterest(ZelPeer* peer);
 void peer_rememberRemote(ZelPeer* peer, const sockaddr* address, socklen_t length);
+
+/** What a transport's function gives, called again after a signal. */
+template <typename Call>
+ssize_t retried(Call call) {
+  ssize_t result;
+  do result = call();
+  while (result < 0 && errno == EINTR);
+  return result;
+}
 
 // stream.cpp
 extern const ZelTransport kSocketTransport;

@@ -19,14 +19,6 @@ namespace {
 constexpr int kPartsPerFlush = 64;
 constexpr uint32_t kInputPerTurn = 1 << 20;
 
-template <typename Call>
-ssize_t retried(Call call) {
-  ssize_t result;
-  do result = call();
-  while (result < 0 && errno == EINTR);
-  return result;
-}
-
 ssize_t socketRead(ZelPeer* peer, void* buffer, size_t length) { return recv(peer->fd, buffer, length, MSG_DONTWAIT); }
 
 ssize_t socketWrite(ZelPeer* peer, const void* buffer, size_t length) {
