@@ -11,7 +11,7 @@ HttpServerLimits defaultLimits();
 // Changes one: "NAME=VALUE". Returns an empty text, or what is wrong with @p text.
 std::string changeLimit(HttpServerLimits* limits, const std::string& text);
 
-// The names with their defaults, a line each.
+// The names with their defaults and meanings, in one line.
 std::string describeLimits();
 
 // A JSON object: how often each reason ended a request, of those that have.
