@@ -59,11 +59,6 @@ void checkDigest(HttpHeader& header, int method) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  traceIntoNothing();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text = headerText(data, size);
   FuzzHeader header(size % 2 == 0 ? HTTP_HEADER_AUTHORIZATION : HTTP_HEADER_WWW_AUTHENTICATE, text);

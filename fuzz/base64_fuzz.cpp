@@ -30,11 +30,6 @@ Text decode(const std::vector<char>& text) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  traceIntoNothing();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   traceIf(size % 8 == 0);
   // Buffers of their own size: what reads past an end is found.

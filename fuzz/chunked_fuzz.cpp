@@ -113,11 +113,6 @@ std::string encode(std::string_view content, std::string_view pieces) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  traceIntoNothing();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzInput input(data, size);
   const unsigned flags = input.byte();

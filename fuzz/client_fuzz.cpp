@@ -344,10 +344,7 @@ class World {
         accept();
         break;
       case 8:
-        if (argument < 8)
-          server_->finish();
-        else if (argument > 12)
-          server_->reset();
+        server_->end(argument);
         break;
       case 9:
         application_->writeMore();
@@ -370,11 +367,6 @@ class World {
 };
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  traceIntoNothing();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzInput input(data, size);

@@ -22,11 +22,6 @@ void trim(std::string& text) { text.erase(text.find_last_not_of(" \t") + 1); }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  traceIntoNothing();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzHeader header(HTTP_HEADER_COOKIE, headerText(data, size));
   FUZZ_CHECK(header.result == 0);

@@ -35,13 +35,6 @@ void writeAndRead(time_t date) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  setenv("TZ", "UTC0", 1);  // dates are read in the local zone
-  tzset();
-  traceIntoNothing();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   traceIf(size % 8 == 0);
   int64_t number = 0;

@@ -4,6 +4,7 @@
 #include <krohttp/header.h>
 #include <krohttp/reply.h>
 #include <krotrace/krotrace.h>
+#include <time.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -25,6 +26,14 @@
 inline void traceIntoNothing() {
   if (getenv("FUZZ_SHOW") == nullptr) kroTraceToFunction([](int, const char*, void*) {}, nullptr);
   kroTraceEnable("*", KROTRACE_INFO);
+}
+
+// libFuzzer calls it once.
+extern "C" [[gnu::used]] inline int LLVMFuzzerInitialize(int*, char***) {
+  setenv("TZ", "UTC0", 1);  // dates are read in the local zone
+  tzset();
+  traceIntoNothing();
+  return 0;
 }
 
 // Formatting takes most of the time: of the inputs only short ones are traced, if they ask for it.

@@ -1,7 +1,6 @@
 // A typed header of any code: read, written, and read again. Cookies and credentials have targets of their own.
 //
 // Input: the header's code, its text.
-#include <ctime>
 #include <vector>
 
 #include "fuzz_support.h"
@@ -94,13 +93,6 @@ bool mayRefuseToWrite(const HttpHeader& header) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  setenv("TZ", "UTC0", 1);  // dates are read in the local zone
-  tzset();
-  traceIntoNothing();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;

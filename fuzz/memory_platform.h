@@ -34,6 +34,13 @@ class MemorySocket {
   void send(std::string_view bytes) { sent.append(bytes); }
   void finish() { finished = true; }
   void reset() { isReset = true; }
+  // One of these, or neither, as a choice of 0 to 15 says.
+  void end(unsigned choice) {
+    if (choice < 8)
+      finish();
+    else if (choice > 12)
+      reset();
+  }
   // So many bytes more can be taken.
   void take(size_t bytes) { room = bytes > SIZE_MAX - room ? SIZE_MAX : room + bytes; }
 

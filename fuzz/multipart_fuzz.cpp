@@ -191,11 +191,6 @@ void checkParts(const Script& script, const MultipartUpload& upload) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  traceIntoNothing();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const Script script(data, size);
   if (neverReads(script) || script.wire.empty()) return 0;

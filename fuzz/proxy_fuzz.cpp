@@ -297,18 +297,10 @@ class World {
         memory_passTime(argument * 300);
         break;
       case 7:
-        if (browser == nullptr) break;
-        if (argument < 8)
-          browser->socket->finish();
-        else if (argument > 12)
-          browser->socket->reset();
+        if (browser != nullptr) browser->socket->end(argument);
         break;
       case 8:
-        if (target == nullptr) break;
-        if (argument < 8)
-          target->socket->finish();
-        else if (argument > 12)
-          target->socket->reset();
+        if (target != nullptr) target->socket->end(argument);
         break;
       case 9:
         which_ = argument;
@@ -368,11 +360,6 @@ class World {
 };
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  traceIntoNothing();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzInput input(data, size);

@@ -1,8 +1,6 @@
 // A Set-Cookie header: read, written, and read again.
 #include <krohttp/cookie.h>
 
-#include <ctime>
-
 #include "fuzz_support.h"
 
 namespace {
@@ -41,13 +39,6 @@ void readAgain(const HttpHeader& header, const std::string& text) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  setenv("TZ", "UTC0", 1);  // dates are read in the local zone
-  tzset();
-  traceIntoNothing();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text = headerText(data, size);
