@@ -10,78 +10,62 @@ need openssl
 
 run_nginx() {
   rm -f "$folder/nginx.socket"
-  cat >"$folder/nginx.conf" <<CONF
-# One process, which ends with our signal and leaves nobody behind.
-master_process off;
-daemon off;
-pid $folder/nginx.pid;
-error_log stderr crit;
-events {
-  worker_connections 256;
+  launch_nginx <<CONF
+access_log off;
+sendfile on;
+default_type application/octet-stream;
+types {
+  text/plain txt;
+  text/html html;
 }
-http {
-  access_log off;
-  sendfile on;
-  default_type application/octet-stream;
-  types {
-    text/plain txt;
-    text/html html;
+gzip on;
+gzip_types text/plain;
+absolute_redirect off;
+client_max_body_size 0;
+server {
+  listen 127.0.0.1:$1;
+  listen unix:$folder/nginx.socket;
+  root $folder/root;
+  location ~ /nothing\$ {
+    return 204;
   }
-  gzip on;
-  gzip_types text/plain;
-  absolute_redirect off;
-  client_max_body_size 0;
-  client_body_temp_path $folder/nginx-body;
-  proxy_temp_path $folder/nginx-proxy;
-  fastcgi_temp_path $folder/nginx-fastcgi;
-  uwsgi_temp_path $folder/nginx-uwsgi;
-  scgi_temp_path $folder/nginx-scgi;
-  server {
-    listen 127.0.0.1:$1;
-    listen unix:$folder/nginx.socket;
-    root $folder/root;
-    location ~ /nothing\$ {
-      return 204;
-    }
-    location ~ /moved\$ {
-      return 302 one;
-    }
-    location ~ /cookies/set\$ {
-      add_header Set-Cookie "a=1; path=/tcp/cookies";
-      add_header Set-Cookie "kro/sessid=x+/y=; path=/; HttpOnly; SameSite=Lax";
-      add_header Set-Cookie "long=3; max-age=1000000";
-      add_header Set-Cookie "dated=4; expires=Wed, 09 Jun 2088 10:18:14 GMT";
-      add_header Set-Cookie "empty=";
-      return 200 set;
-    }
-    location ~ /cookies/clear\$ {
-      add_header Set-Cookie "a=; path=/tcp/cookies; max-age=0";
-      return 200 cleared;
-    }
-    location ~ /cookies/show\$ {
-      return 200 "[\$http_cookie]";
-    }
-    # The filter could change the length.
-    location ~ /chunked\$ {
-      alias $folder/root/files/numbers.txt;
-      sub_filter_types *;
-      sub_filter nowhere somewhere;
-    }
-    # The realm is sent as it stands here, with its quotes.
-    location ~ /locked/ {
-      auth_basic "Locked, \"really\"";
-      auth_basic_user_file $folder/users;
-      dav_methods PUT DELETE;
-      create_full_put_path on;
-    }
-    location ~ /put/ {
-      dav_methods PUT DELETE;
-      create_full_put_path on;
-    }
+  location ~ /moved\$ {
+    return 302 one;
+  }
+  location ~ /cookies/set\$ {
+    add_header Set-Cookie "a=1; path=/tcp/cookies";
+    add_header Set-Cookie "kro/sessid=x+/y=; path=/; HttpOnly; SameSite=Lax";
+    add_header Set-Cookie "long=3; max-age=1000000";
+    add_header Set-Cookie "dated=4; expires=Wed, 09 Jun 2088 10:18:14 GMT";
+    add_header Set-Cookie "empty=";
+    return 200 set;
+  }
+  location ~ /cookies/clear\$ {
+    add_header Set-Cookie "a=; path=/tcp/cookies; max-age=0";
+    return 200 cleared;
+  }
+  location ~ /cookies/show\$ {
+    return 200 "[\$http_cookie]";
+  }
+  # The filter could change the length.
+  location ~ /chunked\$ {
+    alias $folder/root/files/numbers.txt;
+    sub_filter_types *;
+    sub_filter nowhere somewhere;
+  }
+  # The realm is sent as it stands here, with its quotes.
+  location ~ /locked/ {
+    auth_basic "Locked, \"really\"";
+    auth_basic_user_file $folder/users;
+    dav_methods PUT DELETE;
+    create_full_put_path on;
+  }
+  location ~ /put/ {
+    dav_methods PUT DELETE;
+    create_full_put_path on;
   }
 }
 CONF
-  launch nginx nginx -p "$folder" -e stderr -c "$folder/nginx.conf"
 }
 
 make_root

@@ -28,6 +28,31 @@ end_peer() {
   unset "running[$1]"
 }
 
+# launch_nginx: standard input is what its http block says.
+launch_nginx() {
+  {
+    cat <<CONF
+# One process, which ends with our signal and leaves nobody behind.
+master_process off;
+daemon off;
+pid $folder/nginx.pid;
+error_log stderr crit;
+events {
+  worker_connections 1024;
+}
+http {
+  client_body_temp_path $folder/nginx-body;
+  proxy_temp_path $folder/nginx-proxy;
+  fastcgi_temp_path $folder/nginx-fastcgi;
+  uwsgi_temp_path $folder/nginx-uwsgi;
+  scgi_temp_path $folder/nginx-scgi;
+CONF
+    cat
+    echo '}'
+  } >"$folder/nginx.conf"
+  launch nginx nginx -p "$folder" -e stderr -c "$folder/nginx.conf"
+}
+
 # --- what is served ---------------------------------------------------------------------------------------------------
 
 # Below /tcp and /ipc: the paths that the proxy hands on over TCP and over a Unix socket are found at the target itself

@@ -40,53 +40,37 @@ CONF
 
 # In front of krohttpd, and as a server behind it.
 run_nginx() {
-  cat >"$folder/nginx.conf" <<CONF
-# One process, which ends with our signal and leaves nobody behind.
-master_process off;
-daemon off;
-pid $folder/nginx.pid;
-error_log stderr crit;
-events {
-  worker_connections 1024;
+  launch_nginx <<CONF
+log_format front '\$request_uri \$upstream_addr \$status';
+log_format back '\$request_uri server \$status';
+client_header_timeout 2s;
+client_body_timeout 2s;
+upstream krohttpd {
+  server 127.0.0.1:$port;
+  keepalive 4;
 }
-http {
-  log_format front '\$request_uri \$upstream_addr \$status';
-  log_format back '\$request_uri server \$status';
-  client_body_temp_path $folder/nginx-body;
-  proxy_temp_path $folder/nginx-proxy;
-  fastcgi_temp_path $folder/nginx-fastcgi;
-  uwsgi_temp_path $folder/nginx-uwsgi;
-  scgi_temp_path $folder/nginx-scgi;
-  client_header_timeout 2s;
-  client_body_timeout 2s;
-  upstream krohttpd {
-    server 127.0.0.1:$port;
-    keepalive 4;
+server {
+  listen 127.0.0.1:$1;
+  access_log $folder/nginx-front front;
+  proxy_http_version 1.1;
+  proxy_request_buffering off;
+  proxy_next_upstream off;
+  location / {
+    proxy_pass http://krohttpd;
+    proxy_set_header Connection "";
   }
-  server {
-    listen 127.0.0.1:$1;
-    access_log $folder/nginx-front front;
-    proxy_http_version 1.1;
-    proxy_request_buffering off;
-    proxy_next_upstream off;
-    location / {
-      proxy_pass http://krohttpd;
-      proxy_set_header Connection "";
-    }
+}
+server {
+  listen unix:$folder/nginx.socket;
+  access_log $folder/nginx-back back;
+  location /token {
+    root $folder/root;
   }
-  server {
-    listen unix:$folder/nginx.socket;
-    access_log $folder/nginx-back back;
-    location /token {
-      root $folder/root;
-    }
-    location / {
-      return 200 "Hello, world!";
-    }
+  location / {
+    return 200 "Hello, world!";
   }
 }
 CONF
-  launch nginx nginx -p "$folder" -e stderr -c "$folder/nginx.conf"
 }
 
 # Both print the marks of requests, those that were served, and all with "any": of krohttpd's log, and of a log with lines
