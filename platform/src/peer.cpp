@@ -56,13 +56,17 @@ bool hasInputAtHand(ZelPeer* peer) {
 /** The socket refused output for good; whoever reads may still take what came in before. */
 bool isWorthReading(ZelPeer* peer) { return peer->handlers[kOnData] && (stream_unread(peer) > 0 || peekOne(peer) > 0); }
 
-/** Another peer's handler may have read this one's input after the socket was found readable. */
-bool wasReadMeanwhile(ZelPeer* peer) {
-  return peer->readTurn == loop.turn && stream_unread(peer) == 0 && peekOne(peer) < 0 && errno == EAGAIN;
+/**
+ * The socket was found readable, and there is nothing to read: another peer's handler may have read it meanwhile, or a
+ * transport has not got enough to make anything of it.
+ */
+bool isReadableInVain(ZelPeer* peer) {
+  const bool mayBe = peer->readTurn == loop.turn || peer->transport != &kSocketTransport;
+  return mayBe && stream_unread(peer) == 0 && peekOne(peer) < 0 && errno == EAGAIN;
 }
 
 bool offerInput(ZelPeer* peer) {
-  if (wasReadMeanwhile(peer)) return true;
+  if (isReadableInVain(peer)) return true;
   return peer_raise(peer, peer->handlers[kOnData], true);
 }
 

@@ -13,6 +13,7 @@ struct Stutter {
   std::string held;  // taken from the socket, not yet given out
   size_t readPiece = SIZE_MAX;
   bool atEnd = false;  // whatever the socket says
+  size_t record = 1;   // nothing is given out before so many bytes are there
 };
 
 Stutter stutter;
@@ -30,8 +31,8 @@ void fillHeld(ZelPeer* peer) {
 
 ssize_t stutterPeek(ZelPeer* peer, void* buffer, size_t length) {
   stutter.afterEnd += stutter.down;
-  if (stutter.held.empty()) fillHeld(peer);
-  if (stutter.held.empty()) return stutter.atEnd ? 0 : refuse(EAGAIN);
+  if (stutter.held.size() < stutter.record) fillHeld(peer);
+  if (stutter.held.size() < stutter.record) return stutter.atEnd ? 0 : refuse(EAGAIN);
   const size_t count = std::min({length, stutter.readPiece, stutter.held.size()});
   memcpy(buffer, stutter.held.data(), count);
   return static_cast<ssize_t>(count);
@@ -141,6 +142,24 @@ TEST_F(TransportTest, BytesThatTheTransportHoldsRaiseData) {
   EXPECT_EQ(got, "abcdefghijklmnopqrstuvwxy");
   settle();
   EXPECT_EQ(probe_.count(PEER_EVENT_DATA), 9u);
+}
+
+TEST_F(TransportTest, BytesThatTheTransportCannotUseYetRaiseNothing) {
+  ZelPeer* peer = makePeer(&other_);
+  peer_setTransport(peer, &kStutter);
+  stutter.record = 10;
+  std::string got;
+  probe_.on(peer, PEER_EVENT_DATA, [&](ZelPeer* one) {
+    got += readAll(peer_inStream(one));
+    return true;
+  });
+  sendText(other_, "a part");
+  settle();
+  EXPECT_EQ(probe_.count(PEER_EVENT_DATA), 0u);
+  sendText(other_, " and the rest");
+  stutter.record = 1;
+  ASSERT_TRUE(until([&] { return !got.empty(); }));
+  EXPECT_EQ(got, "a part and the rest");
 }
 
 TEST_F(TransportTest, BytesThatTheTransportHoldsWaitForAHandler) {
