@@ -17,8 +17,6 @@
 
 namespace {
 
-const char* textOrNull(const char* text) { return text != nullptr ? text : "(null)"; }
-
 int failed(const char* what) {
   TRACE_ERROR("%s", what);
   return -1;

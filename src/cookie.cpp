@@ -20,7 +20,6 @@
 namespace {
 
 const char* textOrEmpty(const char* text) { return text != nullptr ? text : ""; }
-const char* textOrNull(const char* text) { return text != nullptr ? text : "(null)"; }
 
 // --- lists -----------------------------------------------------------------------------------------------------------
 

@@ -23,8 +23,6 @@ constexpr const char* kHeaderDate = "%a, %d %b %Y %H:%M:%S %z";
 
 bool isKnownCode(int code) { return code >= 0 && code < HTTP_HEADER_COUNT; }
 
-const char* textOrNull(const char* text) { return text != nullptr ? text : "(null)"; }
-
 // --- generic: the text is the value ----------------------------------------------------------------------------------
 
 int hdr_factoryGeneric(HttpHeader*, char*) { return 0; }

@@ -246,8 +246,7 @@ int prot_headerCode(const char* name) {
 
 time_t prot_parseDate(const char* text) {
   time_t date = -1;
-  if (!prot_parseDateAs(text, kCookieDateParsed, &date))
-    TRACE_ERROR("unable to parse date %s", text != nullptr ? text : "(null)");
+  if (!prot_parseDateAs(text, kCookieDateParsed, &date)) TRACE_ERROR("unable to parse date %s", textOrNull(text));
   return date;
 }
 

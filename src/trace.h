@@ -27,6 +27,9 @@ inline const TraceColours& traceColours() {
 
 }  // namespace krohttp
 
+// What "%s" makes of a text that is not there, which is the C library's choice and not everywhere the same.
+inline const char* textOrNull(const char* text) { return text != nullptr ? text : "(null)"; }
+
 #define TRACE_FORMAT_(format) "%s%-7.7s%s - %s[%s]%s%s" format "%s - %s(%s@%s:%d)%s"
 #define TRACE_BEFORE_(mark, markColour, markReset)                                                          \
   ::krohttp::traceColours().zone, TRACE_ZONE, ::krohttp::traceColours().reset, markColour, mark, markReset, \

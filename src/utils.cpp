@@ -76,8 +76,8 @@ int utils_keyvalue(char* string, char** key, char** value, char** cursor, char s
   if (*value != nullptr)
     *(*value)++ = '\0';
   else
-    TRACE_WARNING("unable to parse cookie %s", string != nullptr ? string : "(null)");
-  TRACE_INFO("found key value pair: %s=%s", *key, *value != nullptr ? *value : "(null)");
+    TRACE_WARNING("unable to parse cookie %s", textOrNull(string));
+  TRACE_INFO("found key value pair: %s=%s", *key, textOrNull(*value));
   return 1;
 }
 
