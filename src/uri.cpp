@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -59,34 +60,55 @@ CString encode(const char* text) {
   return encoded;
 }
 
+// Who gets room first where there is not enough of it.
+enum Claim { kPlain, kCameEscaped, kBlank, kCameEither, kTail, kClaims };
+
+// How the character at @p at came in. Bare, some would have ended what they stand in; no request line has a bare blank,
+// other targets may have. "%" at the end means the same both ways, unless it would be read with an escape behind it.
+Claim claimOf(std::string_view text, size_t at, bool isName) {
+  switch (text[at]) {
+    case '&':
+      return kCameEscaped;
+    case '=':
+      return isName ? kCameEscaped : kCameEither;
+    case ' ':
+      return kBlank;
+    case '#':
+    case '?':
+      return kCameEither;
+    case '%': {
+      if (at + 2 < text.size()) return kCameEscaped;
+      const Claim next = at + 1 < text.size() ? claimOf(text, at + 1, isName) : kPlain;
+      return next != kPlain ? next : kTail;
+    }
+    default:
+      return kPlain;
+  }
+}
+
 // Encodes the decoded text at the beginning of [slot, slotEnd) again, within these bytes; what is left over is zeroed.
-//
-// An escaped character came in as three bytes, so it has its room. One that came in bare has none and stays bare, as
-// room goes first to those that did not come bare: '&', which would have ended the parameter, '=' in a name, and '%',
-// bare only where the text ends, and so the last one to get room.
+// An escaped character came in as three bytes, so it has its room. One that came in bare has none and stays bare.
 void encodeWithin(char* slot, char* slotEnd, bool isName) {
   const auto size = static_cast<size_t>(slotEnd - slot);
-  const size_t length = strnlen(slot, size);
-  const auto cameEscaped = [&](size_t at) { return slot[at] == '&' || slot[at] == '%' || (isName && slot[at] == '='); };
+  const std::string_view text(slot, strnlen(slot, size));
 
-  size_t first = 0;
-  size_t second = 0;
-  for (size_t at = 0; at < length; ++at) {
-    if (cameEscaped(at))
-      ++first;
-    else if (isEscaped(slot[at]))
-      ++second;
+  size_t left[kClaims] = {};
+  for (size_t at = 0; at < text.size(); ++at) ++left[claimOf(text, at, isName)];
+  size_t room = (size - text.size()) / 2;
+  size_t granted[kClaims] = {};
+  char* out = slot + text.size();
+  for (const Claim claim : {kCameEscaped, kBlank, kCameEither, kTail}) {
+    granted[claim] = std::min(left[claim], room);
+    room -= granted[claim];
+    out += 2 * granted[claim];
   }
-  const size_t room = (size - length) / 2;
-  const size_t firstEscaped = std::min(first, room);
-  const size_t secondEscaped = std::min(second, room - firstEscaped);
 
   // From the end to the front, as the text becomes longer in place.
-  char* out = slot + length + 2 * (firstEscaped + secondEscaped);
   std::fill(out, slotEnd, '\0');
-  for (size_t at = length; at-- > 0;) {
-    const char c = slot[at];
-    const bool escaped = cameEscaped(at) ? --first < firstEscaped : isEscaped(c) ? --second < secondEscaped : false;
+  for (size_t at = text.size(); at-- > 0;) {
+    const char c = text[at];
+    const Claim claim = claimOf(text, at, isName);
+    const bool escaped = --left[claim] < granted[claim];
     out -= escaped ? 3 : 1;
     if (escaped)
       putEscape(out, c);
@@ -102,7 +124,8 @@ char* inCopy(char* pointer, const HttpUri& uri, char* copy) {
 
 // Puts the query together at @p copy, whatever parameter is handed out meanwhile.
 void copyQuery(const HttpUri& uri, char* copy) {
-  std::memcpy(copy, uri.query, static_cast<size_t>(uri.queryLength) + 1);
+  std::memcpy(copy, uri.query, static_cast<size_t>(uri.queryLength));
+  copy[uri.queryLength] = '\0';
   HttpUri copied = uri;
   copied.query = copy;
   copied.separator = inCopy(uri.separator, uri, copy);
@@ -147,14 +170,22 @@ int http_uriParse(HttpUri* uri, char* target) {
   *uri = HttpUri{};
   uri->path = target != nullptr ? std::strchr(target, '/') : nullptr;
   if (uri->path == nullptr) {
-    TRACE_ERROR("invalid url %s", target != nullptr ? target : "(null)");
+    TRACE_ERROR("invalid url %s", textOrNull(target));
     return -1;
   }
   TRACE_NOTICE("url path: %s", uri->path);
 
-  uri->query = strchrnul(uri->path, '?');
-  if (*uri->query != '\0') *uri->query++ = '\0';
-  uri->queryLength = static_cast<int>(std::strlen(uri->query));
+  char* const mark = strchrnul(uri->path, '?');
+  char* const query = *mark != '\0' ? mark + 1 : mark;
+  const size_t length = std::strlen(query);
+  if (length > INT_MAX) {
+    TRACE_ERROR("query is too long");
+    *uri = HttpUri{};
+    return -1;
+  }
+  *mark = '\0';
+  uri->query = query;
+  uri->queryLength = static_cast<int>(length);
   decode(uri->path);
   return 0;
 }
@@ -212,6 +243,7 @@ int http_uriNextParameter(HttpUri* uri, char** name, char** value) {
 int http_uriGetParameter(HttpUri* uri, const char* name, char** value) {
   *value = nullptr;
   http_uriResetParameterIterator(uri);
+  if (name == nullptr) return -1;
   char* candidate = nullptr;
   while (http_uriNextParameter(uri, &candidate, value) == 0)
     if (std::strcmp(candidate, name) == 0) return 0;

@@ -2,6 +2,8 @@
 #include <krohttp/uri.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <memory>
@@ -15,6 +17,8 @@
 #include "uri_internal.h"
 
 namespace {
+
+using namespace std::string_literals;
 
 using Pair = std::pair<std::string, std::string>;
 using Pairs = std::vector<Pair>;
@@ -217,6 +221,46 @@ TEST(Uri, AZeroedOneHasNoParameters) {
   EXPECT_EQ(http_uriQueryString(&uri), nullptr);
 }
 
+// A text of more than 2 GiB in 2 MiB of memory: a page, then the same mebibyte again and again.
+class EndlessText {
+ public:
+  explicit EndlessText(std::string_view begin) {
+    std::string mebibyte(kMebibyte, 'a');
+    const int file = memfd_create("text", MFD_CLOEXEC);
+    if (file < 0 || write(file, mebibyte.data(), kMebibyte) != static_cast<ssize_t>(kMebibyte)) abort();
+    void* const reserved =
+        mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (reserved == MAP_FAILED) abort();
+    text_ = static_cast<char*>(reserved);
+    for (size_t at = kMebibyte; at + kMebibyte < kSize; at += kMebibyte)
+      if (mmap(text_ + at, kMebibyte, PROT_READ, MAP_PRIVATE | MAP_FIXED, file, 0) == MAP_FAILED) abort();
+    close(file);
+    memcpy(text_, mebibyte.data(), kMebibyte);
+    memcpy(text_, begin.data(), begin.size());
+  }
+  ~EndlessText() { munmap(text_, kSize); }
+  EndlessText(const EndlessText&) = delete;
+  EndlessText& operator=(const EndlessText&) = delete;
+  char* text() { return text_; }
+
+ private:
+  static constexpr size_t kMebibyte = 1 << 20;
+  static constexpr size_t kSize = (size_t{2} << 30) + 3 * kMebibyte;
+  char* text_;
+};
+
+// Its length would not fit into queryLength.
+TEST(Uri, RefusesAQueryThatCannotBeCounted) {
+  EndlessText target("/p?");
+  HttpUri uri;
+  TraceCapture trace;
+  EXPECT_EQ(http_uriParse(&uri, target.text()), -1);
+  EXPECT_EQ(trace.errors(), TraceLines({"http-ur[x]query is too long"}));
+  EXPECT_EQ(uri.path, nullptr);
+  EXPECT_EQ(uri.query, nullptr);
+  EXPECT_EQ(uri.queryLength, 0);
+}
+
 // ---- serializing ---------------------------------------------------------------------------------------------------
 
 struct SerializeCase {
@@ -285,6 +329,43 @@ TEST(Uri, IsSerializedWholeAfterAReset) {
   EXPECT_EQ(target.serialized(), "/p?a%26=%3D1&b=2");
 }
 
+// What came escaped in a request line leaves escaped: a bare blank would end the target.
+TEST(Uri, IsWithoutBlanksAfterEachLookUp) {
+  for (const char* const query : {"next=/x?q%20y", "next=b=c%20d", "next=x%20y#z&b=2", "next=x%20y%20z",
+                                  "%20?=1&next=?%20", "next=a%20b%a", "next=%20%a", "next=%a%20%20%"}) {
+    SCOPED_TRACE(query);
+    Target target("/login?"s + query);
+    char* value = nullptr;
+    ASSERT_EQ(http_uriGetParameter(&target.uri, "next", &value), 0);
+    const std::string wanted = value;
+    for (const bool reset : {false, true}) {
+      if (reset) http_uriResetParameterIterator(&target.uri);
+      const std::string text = target.serialized();
+      EXPECT_EQ(text.find(' '), std::string::npos) << text;
+      Target again(text);
+      ASSERT_EQ(http_uriGetParameter(&again.uri, "next", &value), 0);
+      EXPECT_EQ(value, wanted) << text;
+    }
+  }
+}
+
+// The memory of the target may have been used for something else since.
+TEST(Uri, IsSerializedUpToItsLengthWhateverStandsThereNow) {
+  Target target("/a?x=1&y=2");
+  memcpy(target.uri.query, "0123456", 7);
+  target.uri.query[7] = '8';  // where the NUL was
+  EXPECT_EQ(target.serialized(), "/a?0123456");
+  target.uri.query[7] = '\0';
+}
+
+TEST(Uri, HasNoParameterWithoutAName) {
+  Target target("/a?x=1");
+  char* value = nullptr;
+  EXPECT_EQ(http_uriGetParameter(&target.uri, nullptr, &value), -1);
+  EXPECT_EQ(value, nullptr);
+  EXPECT_EQ(target.rest(), (Pairs{{"x", "1"}}));
+}
+
 // ---- iterating -----------------------------------------------------------------------------------------------------
 
 struct QueryCase {
@@ -332,6 +413,9 @@ const QueryCase kQueries[] = {
     {"UnescapedBeforeEscapedPercentSign", "x=?%25%26&y=#%25%3D&?%25%3D=1", {{"x", "?%&"}, {"y", "#%="}, {"?%=", "1"}}},
     {"EscapedPercentSignNearTheEnd", "x=%25a&y=%25&z=#%25a", {{"x", "%a"}, {"y", "%"}, {"z", "#%a"}}},
     {"EscapedPercentSignBeforeDigits", "x=?%2541&y=?%254", {{"x", "?%41"}, {"y", "?%4"}}},
+    {"EscapedPercentSignBeforeAnUnescapedOne",
+     "x=?%25#&y=?%25%23&z=##%25%20",
+     {{"x", "?%#"}, {"y", "?%#"}, {"z", "##% "}}},
     {"BlanksStay", " a = b &  c", {{" a ", " b "}, {"  c", ""}}},
     {"PercentSignLast", "x=%", {{"x", "%"}}},
     {"PercentSignAndDigitLast", "x=%4", {{"x", "%4"}}},
