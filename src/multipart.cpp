@@ -99,8 +99,8 @@ int awaitScratch(HttpMultipart* multipart, const char* what) {
 
 // --- the body of a part ----------------------------------------------------------------------------------------------
 
-// Hands the bytes of one read of a part's body out. Only a CR can begin a delimiter, and a delimiter holds no other: so
-// what has begun like one and went on differently is data, and the search goes on with the byte that differed.
+// Hands the bytes of one read of a part's body out. Only a CR can begin a delimiter. What has begun like one and went
+// on differently is data, up to where in it the delimiter may begin again: a boundary may hold a CR of its own.
 class PartReader {
  public:
   PartReader(HttpMultipart* multipart, char* buffer, size_t size)
@@ -150,14 +150,24 @@ class PartReader {
     return true;
   }
 
+  // With how many of the bytes that matched the delimiter begins again.
+  unsigned overlap() const {
+    const char* const text = multipart_->delimiter;
+    unsigned count = multipart_->haveRead - 1;
+    while (count > 0 && std::memcmp(text, text + multipart_->haveRead - count, count) != 0) --count;
+    return count;
+  }
+
   // What looked like the delimiter is the delimiter's own text.
   bool giveBack() {
-    const auto count = static_cast<unsigned>(std::min<size_t>(multipart_->haveRead - multipart_->toRead, room()));
+    const unsigned again = overlap();
+    const unsigned left = multipart_->haveRead - again - multipart_->toRead;
+    const auto count = static_cast<unsigned>(std::min<size_t>(left, room()));
     put(multipart_->delimiter + multipart_->toRead, count);
     multipart_->toRead += count;
-    if (multipart_->toRead == multipart_->haveRead) {
+    if (count == left) {
       multipart_->state = HTTP_MULTIPART_BODY;
-      multipart_->haveRead = 0;
+      multipart_->haveRead = again;
     }
     return true;
   }

@@ -485,6 +485,28 @@ TEST_F(Multipart, EmptyBodyFailsAndLeavesTheNextRequestAlone) {
   EXPECT_EQ(upload.behind(), kNext);
 }
 
+// A CR in a boundary may be the beginning of the delimiter as well.
+TEST_F(Multipart, BoundaryWithACarriageReturn) {
+  struct Row {
+    const char* boundary;
+    const char* content;
+  };
+  static constexpr Row kRows[] = {{"a\rb", "DATA\r\n--a"},        {"a\rb", "DATA\r\n--a\r"},
+                                  {"a\rb", "\r\r\n--a\r\r\n--a"}, {"a\rb", "\r\n--a\r\n--a\r"},
+                                  {"\r\n--x", "DATA\r\n--"},      {"\r\n--x", "\r\n--\r\n-"},
+                                  {"\r\r\n--\rb", "\r\n--\r"}};
+  for (const Row& row : kRows) {
+    SCOPED_TRACE(shown(std::string(row.boundary) + " " + row.content));
+    const MultipartBody body = {row.boundary, {{{}, row.content}}, {}};
+    for (const size_t piece : {1u, 3u, 1000u}) {
+      MultipartUpload upload(cutEvery(requestWith(body.wire()), piece));
+      upload.boundary = row.boundary;
+      EXPECT_EQ(upload.run(), "complete");
+      EXPECT_EQ(contentsOf(upload), Texts{row.content});
+    }
+  }
+}
+
 TEST_F(Multipart, PartHandlerGivesUp) {
   MultipartUpload upload({requestWith(bodyOf({"first", "second", "third"}))});
   upload.onPart = [&](HttpRequest*) { return upload.partCalls() == 2 ? -1 : 0; };
