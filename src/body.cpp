@@ -242,7 +242,13 @@ ssize_t nothingBuffered(BufferedBody* body) {
   // Who takes the body apart as it comes runs dry each time.
   if (!message->inParts || error != EAGAIN) TRACE_ERROR("Read length is zero.");
   errno = error;
-  parentStopped(message, body->parent);
+  if (!feof_unlocked(body->parent)) {
+    msg_checkNeedMoreData(message, error);
+    errno = error;
+  } else {
+    message->state = HTTP_MSG_FAILED;  // or somebody would wait for more
+    errno = 0;
+  }
   return -1;
 }
 
@@ -264,6 +270,8 @@ ssize_t body_read_buffered(void* cookie, char* buffer, size_t size) {
   if (body->fill - body->position < amount) {
     topUp(body, amount);
     error = errno;
+  } else {
+    error = 0;
   }
   const uint32_t count = min(body->fill - body->position, amount);
   std::memcpy(buffer, body->buffer + body->position, count);
@@ -289,8 +297,8 @@ int body_seek_buffered(void* cookie, off64_t* offset, int whence) {
     return -1;
   }
   if (body->fill == 0) return -1;
-  const auto target = static_cast<int64_t>(body->position) + *offset;
-  body->position = static_cast<uint32_t>(std::clamp<int64_t>(target, 0, body->fill));
+  const int64_t position = body->position;
+  body->position = static_cast<uint32_t>(position + std::clamp<int64_t>(*offset, -position, body->fill - position));
   body->message->bodyAhead = body->fill - body->position;
   body->done += static_cast<uint32_t>(*offset);
   *offset = body->position;
@@ -557,7 +565,9 @@ FILE* openOfLength(HttpMessage* message, FILE* parent, uint64_t length, const ch
   if (body == nullptr) return nullptr;
   body->length = static_cast<uint32_t>(length);
   body->clipped = length > UINT32_MAX;
-  body->empty = length == 0 && message->bodyType == HTTP_BODY_MULTIPART && message->mode == HTTP_MSG_READING;
+  // Who passes it on has announced it as empty, and a form of no bytes is none.
+  const bool isExact = message->strict || message->relayed || message->inParts;
+  body->empty = length == 0 && isExact && message->bodyType == HTTP_BODY_MULTIPART && message->mode == HTTP_MSG_READING;
   return body->stream;
 }
 

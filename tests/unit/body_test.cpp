@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -887,12 +888,50 @@ TEST(BodyReadMultipart, WhereverTheStreamEnds) {
       EXPECT_NE(ferror(reading.body()), 0);
       EXPECT_NE(errno, EAGAIN) << "nothing more will come";
       EXPECT_EQ(reading.message()->needMoreData, 0);
-      ASSERT_FALSE(trace.errors().empty());
-      EXPECT_EQ(trace.errors().front(), "http-bo[x]Read length is zero.");
+      EXPECT_EQ(trace.errors(), TraceLines({"http-bo[x]Read length is zero."}));
+      EXPECT_EQ(reading.message()->state, 5);
       EXPECT_EQ(reading.close(), 0);
       EXPECT_EQ(reading.message()->state, 3);
     }
   }
+}
+
+// Reading ahead has run dry, but the read has got all that it wanted.
+TEST(BodyReadMultipart, LeavesNoErrorBehindAFullRead) {
+  ScriptInput input(multipart(20000));
+  input.bytes(pattern(9000)).hold();
+  Reading reading(input);
+  reading.buffer(8192);
+  char block[8192];
+  EXPECT_EQ(fread(block, 1, sizeof block, reading.body()), sizeof block);
+  EXPECT_EQ(errno, 0);
+  EXPECT_EQ(reading.message()->needMoreData, 0);
+}
+
+TEST(BodyReadMultipart, OfLengthZeroEndsWithTheConnection) {
+  ScriptInput input(multipart(0) + "abc");
+  input.hold().bytes("def").hold();
+  Reading reading(input);
+  EXPECT_EQ(reading.once(10), "abc|EAGAIN");
+  EXPECT_EQ(reading.message()->state, 2);
+  input.release();
+  clearerr(reading.body());
+  EXPECT_EQ(reading.once(10), "def|EAGAIN");
+}
+
+TEST(BodyReadMultipart, OfLengthZeroIsEmptyWhenStrict) {
+  ScriptInput input(multipart(0) + "abc");
+  Reading reading(input);
+  reading.message()->strict = 1;
+  EXPECT_EQ(reading.close(), 0);
+  reading.message()->state = 2;
+  FILE* const body = body_fopen(reading.message(), input.stream(), "r");
+  ASSERT_NE(body, nullptr);
+  EXPECT_EQ(fgetc(body), EOF);
+  EXPECT_NE(feof(body), 0);
+  EXPECT_EQ(reading.message()->state, 3);
+  EXPECT_EQ(fclose(body), 0);
+  EXPECT_EQ(input.rest(), "abc");
 }
 
 TEST(BodyReadMultipart, WhenDoneIsAtItsEnd) {
@@ -981,6 +1020,20 @@ TEST(BodySeeking, StopsWhereTheReadAheadBegins) {
   ASSERT_EQ(reading.once(100), text.substr(65586, 100));
   ASSERT_EQ(fseek(reading.body(), -10000, SEEK_CUR), 0);
   EXPECT_EQ(reading.once(100), text.substr(65536, 100));
+}
+
+TEST(BodySeeking, StopsHoweverFarItIsToGo) {
+  for (const off_t offset : {std::numeric_limits<off_t>::max(), std::numeric_limits<off_t>::min()}) {
+    SCOPED_TRACE(offset);
+    ScriptInput input(multipart(1000) + pattern(1000));
+    Reading reading(input);
+    setvbuf(reading.body(), nullptr, _IONBF, 0);
+    ASSERT_EQ(reading.once(100), pattern(1000).substr(0, 100));
+    EXPECT_EQ(fseeko(reading.body(), offset, SEEK_CUR), 0);
+    const TraceCapture quiet;
+    const std::string rest = reading.once(4096);
+    EXPECT_EQ(rest.substr(0, rest.rfind('|')), offset > 0 ? "" : pattern(1000));
+  }
 }
 
 TEST(BodySeeking, IsRelativeOnly) {
