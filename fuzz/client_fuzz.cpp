@@ -76,6 +76,7 @@ class Application {
   std::vector<bool> heads;
 
  private:
+  static constexpr size_t kMostRequests = 8;
   enum Stage { kNone, kSending, kHead, kBody, kDone };
   static Application* current;
 
@@ -84,7 +85,7 @@ class Application {
   // --- requests ---
 
   void request() {
-    if (!connected_ || requests >= 8) return;
+    if (!connected_ || requests >= kMostRequests) return;
     if (request_ == nullptr) request_ = http_requestCreate();
     if (reply_ == nullptr) reply_ = http_replyCreate();
     const unsigned action = nextAction();
@@ -231,7 +232,8 @@ class Application {
       free(client_);
       client_ = nullptr;
     }
-    if (action == 0xb0 && connections_ < 3) {
+    // A connection without a request would not see its end.
+    if (action == 0xb0 && connections_ < 3 && requests < kMostRequests) {
       // Messages of an exchange that was cut are used again as they are told to be: reset.
       destroyMessages();
       start();

@@ -83,6 +83,8 @@ void checkOwnership(const Connection* connection) {
   if (request.owner != connection->client || !owned) TRACE_BROKEN("request is not owned by client");
 }
 
+bool cl_handleRead(ZelPeer* peer);
+
 // --- messages --------------------------------------------------------------------------------------------------------
 
 // A body that is still open ends here, without anything that would make it look complete.
@@ -108,6 +110,29 @@ void detachMessages(Connection* connection) {
   if (connection->reply != nullptr) detach(connection, &connection->reply->message);
   connection->request = nullptr;
   connection->reply = nullptr;
+}
+
+// Nobody goes on with an exchange that has lost one of its messages: the next event ends its connection. It must come,
+// also where reading was to wait.
+void awaitTheEnd(const Connection* connection) {
+  const HttpClient* const client = connection->client;
+  const bool underWay = client->state >= HTTP_CLIENT_SENDING_REQUEST && client->state <= HTTP_CLIENT_RECEIVING_REPLY;
+  if (underWay && client->peer == connection->peer)
+    peer_setEventHandler(connection->peer, PEER_EVENT_DATA, PEER_DIRECTION_IN, cl_handleRead);
+}
+
+bool isElsewhere(const Connection* connection, const HttpMessage& message) {
+  return message.ownerType == HTTP_MSG_OWNED_BY_CLIENT && message.peer != nullptr && message.peer != connection->peer;
+}
+
+// A message belongs to one exchange at a time: whoever used it before has lost it, also where nothing was left to do.
+void takeFromOthers(const Connection* connection, const HttpRequest* request, const HttpReply* reply) {
+  if (!isElsewhere(connection, request->message) && !isElsewhere(connection, reply->message)) return;
+  for (Connection* other = connections; other != nullptr; other = other->next) {
+    if (other == connection || (other->request != request && other->reply != reply)) continue;
+    detachMessages(other);
+    awaitTheEnd(other);
+  }
 }
 
 void attach(const Connection* connection, HttpMessage* message, HttpMessageMode mode, FILE* stream) {
@@ -139,7 +164,6 @@ void release(Connection* connection) {
 
 // --- sending ---------------------------------------------------------------------------------------------------------
 
-bool cl_handleRead(ZelPeer* peer);
 bool earlyRequestSent(Connection* connection);
 
 void listenForReply(const Connection* connection) {
@@ -512,19 +536,6 @@ bool cl_handleClose(ZelPeer* peer) {
 
 // --- the seam --------------------------------------------------------------------------------------------------------
 
-namespace {
-
-// Nobody goes on with an exchange that has lost one of its messages: the next event ends its connection. It must come,
-// also where reading was to wait.
-void awaitTheEnd(const Connection* connection) {
-  const HttpClient* const client = connection->client;
-  const bool underWay = client->state >= HTTP_CLIENT_SENDING_REQUEST && client->state <= HTTP_CLIENT_RECEIVING_REPLY;
-  if (underWay && client->peer == connection->peer)
-    peer_setEventHandler(connection->peer, PEER_EVENT_DATA, PEER_DIRECTION_IN, cl_handleRead);
-}
-
-}  // namespace
-
 void cl_messageGone(HttpMessage* message) {
   for (Connection* connection = connections; connection != nullptr; connection = connection->next) {
     const bool isRequest = connection->request != nullptr && &connection->request->message == message;
@@ -615,6 +626,7 @@ bool http_clientRequest(HttpClient* client, HttpRequest* request, HttpReply* rep
   Connection* const connection = connectionOf(client);
   if (connection != nullptr) {
     if (connection->request != request || connection->reply != reply) detachMessages(connection);
+    takeFromOthers(connection, request, reply);
     connection->request = request;
     connection->reply = reply;
     connection->paused = false;

@@ -1165,6 +1165,69 @@ TEST_F(ClientCycleTest, MessagesAreReusedWithASecondClient) {
   EXPECT_EQ(two.said(), "header 200; body second; done; ready; header 200; body second; done; ready");
 }
 
+// The first client has forgotten them by then, or it would look at them when its connection ends.
+TEST_F(ClientCycleTest, MessagesThatWereReusedMayBeDestroyed) {
+  for (const bool stops : {true, false}) {
+    SCOPED_TRACE(stops ? "the client stops" : "the server goes");
+    WireTarget first;
+    WireTarget second;
+    first.always(WireScript().request().send(okReply("first")));
+    second.always(WireScript().request().send(okReply("second")));
+    Party one;
+    Party two;
+    startOn(one, first);
+    startOn(two, second);
+    one.ask();
+    ASSERT_TRUE(until([&] { return one.has("ready"); }));
+    two.freeMessages();
+    two.request = std::exchange(one.request, nullptr);
+    two.reply = std::exchange(one.reply, nullptr);
+    http_requestUserDataSet(two.request, &two);
+    http_replyUserDataSet(two.reply, &two);
+    two.ask();
+    const auto* const context = static_cast<const HttpClientConnection*>(peer_userData(one.peer()));
+    EXPECT_EQ(context->request, nullptr);
+    EXPECT_EQ(context->reply, nullptr);
+    ASSERT_TRUE(until([&] { return two.has("ready"); }));
+    if (stops) {
+      two.stop();
+    } else {
+      second.last().reset();
+      ASSERT_TRUE(until([&] { return two.has("closed"); }));
+    }
+    two.freeMessages();
+    first.last().reset();
+    ASSERT_TRUE(until([&] { return one.has("closed"); }));
+    EXPECT_EQ(one.said(), "header 200; body first; done; ready; closed");
+  }
+}
+
+// Messages of an exchange under way: that one ends without them.
+TEST_F(ClientCycleTest, MessagesTakenFromAnExchangeEndIt) {
+  WireTarget first;
+  WireTarget second;
+  second.always(WireScript().request().send(okReply("second")));
+  Party one;
+  Party two;
+  startOn(one, first);
+  startOn(two, second);
+  one.ask();
+  ASSERT_TRUE(until([&] { return one.state() == HTTP_CLIENT_REQUEST_SENT; }));
+  two.freeMessages();
+  two.request = std::exchange(one.request, nullptr);
+  two.reply = std::exchange(one.reply, nullptr);
+  http_requestReset(two.request);
+  http_requestUserDataSet(two.request, &two);
+  http_replyUserDataSet(two.reply, &two);
+  two.ask();
+  ASSERT_TRUE(until([&] { return two.has("ready"); }));
+  EXPECT_EQ(two.said(), "header 200; body second; done; ready");
+  const TraceCapture quiet;
+  first.last().send(okReply("late"));
+  ASSERT_TRUE(until([&] { return one.has("closed"); }));
+  EXPECT_EQ(one.said(), "closed");
+}
+
 // The same while its exchange with the first client is under way: the client it is begun with last has it.
 TEST_F(ClientCycleTest, MessagesAreTakenOverByASecondClient) {
   WireTarget first;
