@@ -175,16 +175,17 @@ bool readOn(Connection* connection, ZelPeer* peer) {
 void goOnLater(ZelTimer*, void* userData) {
   auto* const connection = static_cast<Connection*>(userData);
   ZelPeer* const peer = peerOf(connection);
+  if (connection->awaitsSource) {
+    connection->awaitsSource = false;
+    peer_setEventHandler(peer, PEER_EVENT_WRITABLE, PEER_DIRECTION_OUT, srv_handleWriteFile);
+  }
   if (connection->state == HTTP_SERVER_RECEIVING_REQUEST && connection->request.message.paused == HTTP_MSG_RUNNING) {
     if (!readOn(connection, peer)) peer_destroy(peer);
     return;
   }
-  if (connection->state != HTTP_SERVER_SENDING_REPLY) return;
-  if (connection->staticFd >= 0) {
-    peer_setEventHandler(peer, PEER_EVENT_WRITABLE, PEER_DIRECTION_OUT, srv_handleWriteFile);
-  } else if (connection->reply.message.state == HTTP_MSG_DONE && peer_bytesQueued(peer) == 0) {
-    if (!srv_handleWriteDone(peer)) peer_destroy(peer);
-  }
+  if (connection->state != HTTP_SERVER_SENDING_REPLY || connection->staticFd >= 0) return;
+  if (connection->reply.message.state == HTTP_MSG_DONE && peer_bytesQueued(peer) == 0 && !srv_handleWriteDone(peer))
+    peer_destroy(peer);
 }
 
 }  // namespace
@@ -445,7 +446,8 @@ bool srv_handleWriteDone(ZelPeer* peer) {
   }
   reply->state = HTTP_MSG_ACKNOWLEDGED;
   switchTo(connection, HTTP_SERVER_REPLY_SENT);
-  ++connection->server->repliesSent;
+  int32_t* const sent = &connection->server->repliesSent;
+  *sent = static_cast<int32_t>(static_cast<uint32_t>(*sent) + 1);  // after years it comes round
 
   TRACE_NOTICE("do we need to close connection ? ");
   if (keepsAlive(connection)) {
@@ -681,6 +683,7 @@ void http_serverStop(HttpServer* server) {
       peer_close(peerOf(connection));
     }
     peer_destroy(listening);
+    if (server->stopped) return;  // by a handler that one of these has called
   }
   server->peer = nullptr;
   server->stopped = 1;

@@ -30,6 +30,8 @@ struct Connection : HttpServerConnection {
   bool lagging;              // the reader could not take all of this reply at once
   bool standsStill;          // the body's handler has read nothing
   bool replyDoneTold;        // replyDoneHandler has been called for this reply
+  bool sendsFile;            // the descriptor is a regular file's, which ends
+  bool awaitsSource;         // the descriptor had nothing to send: a timer looks again
   uint64_t staticRemaining;  // bytes still to send of a regular file, as announced: it may grow or shrink meanwhile
   uint64_t staticSent;       // of any descriptor
   ZelTimer* later;           // runs goOnLater(), null until it is needed

@@ -30,11 +30,13 @@ void srv_resetStatic(Connection* connection) {
   connection->staticWriter = nullptr;
   connection->staticRemaining = 0;
   connection->staticSent = 0;
+  connection->sendsFile = false;
+  connection->awaitsSource = false;
 }
 
 bool srv_isSourceEmpty(const Connection* connection) {
   pollfd source{connection->staticFd, POLLIN, 0};
-  return connection->staticSize == -1 && poll(&source, 1, 0) == 0;
+  return !connection->sendsFile && poll(&source, 1, 0) == 0;
 }
 
 namespace {
@@ -43,13 +45,13 @@ constexpr size_t kBlock = 4096;
 
 // How much one step may send.
 size_t stepSize(const Connection* connection) {
-  return connection->staticSize == -1 ? kBlock : std::min<uint64_t>(kBlock, connection->staticRemaining);
+  return connection->sendsFile ? std::min<uint64_t>(kBlock, connection->staticRemaining) : kBlock;
 }
 
 // Every way to send takes one step and leaves its errno, 0 after a success.
 
 bool allSent(const Connection* connection) {
-  return connection->staticSize != -1 && connection->staticRemaining == 0 && connection->staticWriter != nullptr;
+  return connection->sendsFile && connection->staticRemaining == 0 && connection->staticWriter != nullptr;
 }
 
 // A signal is no failure. errno is 0 after a success.
@@ -133,6 +135,7 @@ bool awaitWritable(Connection* connection, ZelPeer* peer) {
   if (!srv_isSourceEmpty(connection)) return true;
   // The socket is ready all the time: without a pause the loop would spin until the descriptor is.
   peer_setEventHandler(peer, PEER_EVENT_WRITABLE, PEER_DIRECTION_OUT, nullptr);
+  connection->awaitsSource = true;
   return srv_startLater(connection, kPauseMilliseconds);
 }
 
@@ -173,7 +176,7 @@ bool srv_handleWriteFile(ZelPeer* peer) {
     count = connection->staticWriter != nullptr ? connection->staticWriter(peer, connection)
                                                 : detectSendMethod(peer, connection);
     if (count > 0) connection->staticSent += static_cast<uint64_t>(count);
-    if (count > 0 && connection->staticSize != -1) connection->staticRemaining -= static_cast<uint64_t>(count);
+    if (count > 0 && connection->sendsFile) connection->staticRemaining -= static_cast<uint64_t>(count);
     if (count < 0 || errno != 0) {
       if (errno == EAGAIN) return awaitWritable(connection, peer);
       TRACE_ERROR("unable to write to socket: %m");
@@ -211,6 +214,7 @@ bool announceDescriptor(Connection* connection, HttpReply* reply, int descriptor
     length.contentLength.length = static_cast<uint64_t>(status.st_size);
     connection->staticSize = static_cast<int32_t>(status.st_size);
     connection->staticRemaining = static_cast<uint64_t>(status.st_size);
+    connection->sendsFile = true;
     return http_replyHeaderSet(reply, &length) == 0;
   }
   TRACE_NOTICE("fd is not backed by a file, will close connection on EOF");

@@ -130,7 +130,7 @@ uint64_t leftOfReply(const Connection* connection) {
   const ZelPeer* const peer = connection->reply.message.peer;
   const uint64_t queued = peer_bytesQueued(peer) + unacknowledged(peer);
   if (connection->staticFd < 0) return queued;
-  if (connection->staticSize != -1) return queued + connection->staticRemaining;
+  if (connection->sendsFile) return queued + connection->staticRemaining;
   return srv_isSourceEmpty(connection) ? queued : kFarAway - connection->staticSent;
 }
 

@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 
 #include <array>
+#include <limits>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -727,6 +728,41 @@ TEST_F(CycleTest, StoppedHandlerRunsOnceHoweverOftenTheServerIsStopped) {
   http_serverStop(&http());
   settle();
   EXPECT_EQ(calls, (Calls{"stopped"}));
+}
+
+// Also when it is stopped again while it stops, by what is told of the peers that end.
+TEST_F(CycleTest, StoppedHandlerRunsOnceWhenACloseHandlerStopsToo) {
+  static HttpServer* stopping;
+  const ZelPeerHandler stop = [](ZelPeer*) {
+    http_serverStop(stopping);
+    return true;
+  };
+  for (const bool listener : {true, false}) {
+    SCOPED_TRACE(listener ? "of the listening peer" : "of a connection");
+    calls.clear();
+    listen();
+    stopping = &http();
+    if (listener) peer_addCloseHandler(http().peer, stop);
+    onRequest = [&](HttpRequest* request, HttpReply* reply) {
+      if (!listener) peer_addCloseHandler(http_requestPeer(request), stop);
+      return replyText(reply, 200, "kept");
+    };
+    WireClient client(address());
+    exchange(client, kGet);
+    http_serverStop(&http());
+    EXPECT_EQ(http().peer, nullptr);
+    ASSERT_TRUE(until([&] { return client.ended(); }));
+    settle();
+    EXPECT_EQ(callsOf("stopped"), 1u);
+  }
+}
+
+TEST_F(CycleTest, RepliesAreCountedRoundTheEnd) {
+  listen();
+  http().repliesSent = std::numeric_limits<int32_t>::max();
+  WireClient client(address());
+  exchange(client, kGet);
+  EXPECT_EQ(http().repliesSent, std::numeric_limits<int32_t>::min());
 }
 
 TEST_F(CycleTest, StopWithoutAStoppedHandler) {

@@ -859,6 +859,54 @@ TEST_P(StreamTest, SlowStreamCostsFewTurns) {
   EXPECT_LE(trace.countStarting("http-se[i]sending static file"), static_cast<size_t>(kTurns / 4));
 }
 
+// The timer that looks for more is the one that goes on with requests, too.
+TEST_P(StreamTest, AnsweredBeforeTheRequestIsWhole) {
+  onBody = [](HttpRequest* request, HttpReply*, FILE*) { return http_msgBodyDiscard(&request->message); };
+  WireClient client(address());
+  client.send("POST /a HTTP/1.1\r\nContent-Length: 6\r\n\r\nab");
+  ASSERT_TRUE(until([&] { return client.received() == head_; })) << client.received();
+  settle();
+  client.send("cd");
+  settle();
+  feed("first");
+  ASSERT_TRUE(until([&] { return client.received() == head_ + "first"; })) << client.received();
+  settle();
+  client.send("ef");
+  settle();
+  feed(" second");
+  ASSERT_TRUE(until([&] { return client.received() == head_ + "first second"; })) << client.received();
+  writer.reset();
+  ASSERT_TRUE(until([&] { return client.ended(); }));
+  EXPECT_EQ(callsOf("done"), 1u);
+}
+
+TEST_P(StreamTest, AnsweredWhileTheRequestIsPaused) {
+  HttpRequest* paused = nullptr;
+  const auto answer = std::exchange(onRequest, [](HttpRequest*, HttpReply*) { return 0; });
+  onBody = [&](HttpRequest* request, HttpReply* reply, FILE*) {
+    if (std::exchange(paused, request) == nullptr) {
+      http_serverPauseRequest(request);
+      return answer(request, reply);
+    }
+    http_msgBodyDiscard(&request->message);
+    return 0;
+  };
+  WireClient client(address());
+  client.send("POST /a HTTP/1.1\r\nContent-Length: 4\r\n\r\nabcd");
+  ASSERT_TRUE(until([&] { return client.received() == head_; })) << client.received();
+  settle();
+  feed("first");
+  ASSERT_TRUE(until([&] { return client.received() == head_ + "first"; })) << client.received();
+  settle();
+  http_serverResumeRequest(paused);
+  settle();
+  feed(" second");
+  writer.reset();
+  ASSERT_TRUE(until([&] { return client.ended(); }));
+  EXPECT_EQ(client.received(), head_ + "first second");
+  EXPECT_EQ(callsOf("done"), 1u);
+}
+
 TEST_P(StreamTest, LargeStreamToASlowReader) {
   const std::string content = pattern(3000000);
   WireClient client(address(), {.receiveBuffer = 4096});
