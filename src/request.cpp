@@ -1,9 +1,8 @@
 #include <krohttp/request.h>
 
-#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
-#include <string_view>
+#include <cstring>
 
 #include "memory.h"
 #include "message_internal.h"
@@ -101,10 +100,9 @@ int http_requestMethodSet(HttpRequest* request, int method, const char* uri) {
 
 namespace {
 
-// A decoded path may hold what would end the request line, and begin another request.
-bool fitsIntoLine(std::string_view uri) {
-  return std::none_of(uri.begin(), uri.end(), [](char c) { return static_cast<unsigned char>(c) < 32 || c == 127; });
-}
+// A decoded path may hold what ends a line, and so begins another request, or what some take for the end of the target
+// (RFC 9112 section 3). A blank is encoded.
+bool isOneWord(const char* uri) { return std::strpbrk(uri, "\t\n\v\f\r") == nullptr; }
 
 int sendHead(HttpRequest* request) {
   HttpMessage* const message = &request->message;
@@ -113,7 +111,7 @@ int sendHead(HttpRequest* request) {
     TRACE_ERROR("unable to serialize uri");
     return -1;
   }
-  if (message->stream == nullptr || !fitsIntoLine(uri.get()) ||
+  if (message->stream == nullptr || !isOneWord(uri.get()) ||
       std::fprintf(message->stream, "%s %s HTTP/%u.%u\r\n", prot_methodString(request->method), uri.get(),
                    message->versionMajor, message->versionMinor) < 0) {
     TRACE_ERROR("unable to send request line");

@@ -150,24 +150,39 @@ TEST_P(RequestLine, IsSetAndSent) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, RequestLine,
-    ::testing::Values(LineCase{"Connect", 1, "/", "/", "", "CONNECT /"},
-                      LineCase{"Delete", 2, "/a", "/a", "", "DELETE /a"}, LineCase{"Get", 3, "/", "/", "", "GET /"},
-                      LineCase{"Head", 4, "/", "/", "", "HEAD /"}, LineCase{"Options", 5, "/", "/", "", "OPTIONS /"},
-                      LineCase{"Post", 6, "/", "/", "", "POST /"}, LineCase{"Put", 7, "/", "/", "", "PUT /"},
-                      LineCase{"Trace", 8, "/", "/", "", "TRACE /"},
-                      LineCase{"Query", 3, "/p?a=1&b=2", "/p", "a=1&b=2", "GET /p?a=1&b=2"},
-                      LineCase{"QueryIsSentAsItCame", 3, "/p?%20=%41&+", "/p", "%20=%41&+", "GET /p?%20=%41&+"},
-                      LineCase{"EmptyQueryIsNotSent", 3, "/p?", "/p", "", "GET /p"},
-                      LineCase{"QueryWithMoreMarks", 3, "/p?a?b", "/p", "a?b", "GET /p?a?b"},
-                      LineCase{"BlankInThePath", 3, "/a%20b?q=1", "/a b", "q=1", "GET /a%20b?q=1"},
-                      LineCase{"ManyBlanks", 3, "/%20%20%20%20%20%20?q=1", "/      ", "q=1",
-                               "GET /%20%20%20%20%20%20?q=1"},
-                      LineCase{"SixAreEncoded", 3, "/%23%26%3d%25%3f%20", "/#&=%? ", "", "GET /%23%26%3D%25%3F%20"},
-                      LineCase{"AlsoWhenTheyCameAsTheyAre", 3, "/a=b&c#d", "/a=b&c#d", "", "GET /a%3Db%26c%23d"},
-                      LineCase{"OthersAreNot", 3, "/%41%2fb+c%c3%a4", "/A/b+c\xc3\xa4", "", "GET /A/b+c\xc3\xa4"},
-                      LineCase{"WhatStandsBeforeThePath", 3, "x/y", "/y", "", "GET /y"},
-                      LineCase{"Absolute", 3, "http://host/p", "//host/p", "", "GET //host/p"}),
+    ::testing::Values(
+        LineCase{"Connect", 1, "/", "/", "", "CONNECT /"}, LineCase{"Delete", 2, "/a", "/a", "", "DELETE /a"},
+        LineCase{"Get", 3, "/", "/", "", "GET /"}, LineCase{"Head", 4, "/", "/", "", "HEAD /"},
+        LineCase{"Options", 5, "/", "/", "", "OPTIONS /"}, LineCase{"Post", 6, "/", "/", "", "POST /"},
+        LineCase{"Put", 7, "/", "/", "", "PUT /"}, LineCase{"Trace", 8, "/", "/", "", "TRACE /"},
+        LineCase{"Query", 3, "/p?a=1&b=2", "/p", "a=1&b=2", "GET /p?a=1&b=2"},
+        LineCase{"QueryIsSentAsItCame", 3, "/p?%20=%41&+", "/p", "%20=%41&+", "GET /p?%20=%41&+"},
+        LineCase{"EmptyQueryIsNotSent", 3, "/p?", "/p", "", "GET /p"},
+        LineCase{"QueryWithMoreMarks", 3, "/p?a?b", "/p", "a?b", "GET /p?a?b"},
+        LineCase{"BlankInThePath", 3, "/a%20b?q=1", "/a b", "q=1", "GET /a%20b?q=1"},
+        LineCase{"ManyBlanks", 3, "/%20%20%20%20%20%20?q=1", "/      ", "q=1", "GET /%20%20%20%20%20%20?q=1"},
+        LineCase{"SixAreEncoded", 3, "/%23%26%3d%25%3f%20", "/#&=%? ", "", "GET /%23%26%3D%25%3F%20"},
+        LineCase{"AlsoWhenTheyCameAsTheyAre", 3, "/a=b&c#d", "/a=b&c#d", "", "GET /a%3Db%26c%23d"},
+        LineCase{"OthersAreNot", 3, "/%41%2fb+c%c3%a4", "/A/b+c\xc3\xa4", "", "GET /A/b+c\xc3\xa4"},
+        LineCase{"NorControlBytes", 3, "/%01%1f%7f?%0d%0A", "/\x01\x1f\x7f", "%0d%0A", "GET /\x01\x1f\x7f?%0d%0A"},
+        LineCase{"WhatStandsBeforeThePath", 3, "x/y", "/y", "", "GET /y"},
+        LineCase{"Absolute", 3, "http://host/p", "//host/p", "", "GET //host/p"}),
     [](const auto& row) { return row.param.name; });
+
+// What would end the line, and begin another request.
+TEST(RequestSend, RefusesWhatEndsTheLineOrTheTarget) {
+  for (const char* const uri : {"/a%0Db", "/a%0ab", "/%0d%0aX: y", "/%09", "/a%0bb", "/a%0cb", "/a?b\tc"}) {
+    SCOPED_TRACE(uri);
+    ScriptOutput output;
+    const RequestPtr request = outgoing(output.stream());
+    ASSERT_EQ(http_requestMethodSet(request.get(), HTTP_METHOD_GET, uri), 0);
+    TraceCapture trace;
+    EXPECT_EQ(http_requestSend(request.get()), -1);
+    EXPECT_EQ(http_requestState(request.get()), 5);
+    EXPECT_EQ(output.bytes(), "");
+    EXPECT_EQ(trace.errors().front(), "http-re[x]unable to send request line");
+  }
+}
 
 TEST(RequestMethodSet, UsesTheVersion) {
   ScriptOutput output;
