@@ -242,7 +242,7 @@ void http_hdrCleanup(HttpHeader* header) {
 char* http_hdrGetParameter(HttpHeaderParameter* parameters, const char* name) {
   if (name == nullptr) return nullptr;
   for (; parameters != nullptr; parameters = parameters->next)
-    if (std::strcmp(parameters->name, name) == 0) return parameters->value;
+    if (parameters->name != nullptr && std::strcmp(parameters->name, name) == 0) return parameters->value;
   return nullptr;
 }
 

@@ -164,7 +164,8 @@ bool isLineInOrder(HttpMessage* message) {
 char* takeLine(HttpMessage* message) {
   message->buffer[message->fill - 1] = '\0';
   if (message->fill >= 2) message->buffer[message->fill - 2] = '\0';
-  char* line = message->buffer + message->lineStart;
+  // What was written before may have left a beginning that is not reached yet.
+  char* line = message->buffer + std::min(message->lineStart, message->fill - 1);
   message->lineStart = message->lineEnd = message->fill;
   return line;
 }
@@ -176,9 +177,15 @@ void lineWritten(HttpMessage* message, size_t length) {
   message->fill = message->lineEnd;
 }
 
+// Only requests and replies have a buffer that grows.
+int growForAByte(HttpMessage* message) {
+  const uint32_t before = message->bufferSize;
+  return msg_growAndKeep(message, 0) == 0 && message->bufferSize > before ? 0 : -1;
+}
+
 // A line can be written at lineEnd: there is a byte at least.
 int beginLine(HttpMessage* message) {
-  if (message->lineEnd != message->bufferSize || msg_growAndKeep(message, 0) == 0) return 0;
+  if (message->lineEnd != message->bufferSize || growForAByte(message) == 0) return 0;
   TRACE_ERROR("unable to initialize message buffer");
   return -1;
 }
@@ -244,7 +251,7 @@ extern "C" {
 int msg_lineGet(HttpMessage* message, FILE* stream, char** line) {
   message->needMoreData = 0;
   for (;;) {
-    if (message->fill == message->bufferSize && msg_growAndKeep(message, 0) < 0) return -1;
+    if (message->fill == message->bufferSize && growForAByte(message) < 0) return -1;
     if (takeBuffered(message, stream) == 0) {
       const int byte = getc_unlocked(stream);
       if (byte == EOF) break;
@@ -310,11 +317,13 @@ int msg_lineSetFirstV(HttpMessage* message, const char* format, va_list argument
   message->bufferSize += shift;
   if (msg_parseStatusLine(message, message->buffer) < 0) TRACE_ERROR("unable to parse status line");
 
-  // Everything that was there stands behind the new line now, refused or not.
-  first.moveTo(message->buffer, shift);
-  limit.moveTo(message->buffer, shift);
-  iteration.moveTo(message->buffer, shift);
-  if (message->state == HTTP_MSG_FAILED) {
+  // Everything that was there stands behind the new line now; in front again when that was refused.
+  const bool refused = message->state == HTTP_MSG_FAILED;
+  if (refused) std::memmove(message->buffer, message->buffer + shift, before.bufferSize);
+  first.moveTo(message->buffer, refused ? 0 : shift);
+  limit.moveTo(message->buffer, refused ? 0 : shift);
+  iteration.moveTo(message->buffer, refused ? 0 : shift);
+  if (refused) {
     forgetTexts(message);
     return 0;
   }
@@ -799,6 +808,8 @@ int appendWithFormattedValue(HttpMessage* message, const char* name, const char*
 }
 
 int appendHeader(HttpMessage* message, const char* name, const char* format, va_list arguments) {
+  name = textOrNull(name);
+  format = textOrNull(format);
   if (std::strchr(name, '%') != nullptr) return appendWithNameAsFormat(message, name, format, arguments);
   if (std::strchr(format, '%') == nullptr) return appendHeaderText(message, name, format);
   if (std::strcmp(format, "%s") != 0) return appendWithFormattedValue(message, name, format, arguments);
@@ -806,7 +817,14 @@ int appendHeader(HttpMessage* message, const char* name, const char* format, va_
   va_copy(copy, arguments);
   const char* const value = va_arg(copy, const char*);
   va_end(copy);
-  return appendHeaderText(message, name, value != nullptr ? value : "(null)");
+  return appendHeaderText(message, name, textOrNull(value));
+}
+
+// Takes the line that has been written last.
+int storeHeader(HttpMessage* message, bool allowEmpty) {
+  if (msg_parseHeaderLine(message, message->buffer + message->lineStart, allowEmpty) == 0) return 0;
+  TRACE_ERROR("unable to store header");
+  return -1;
 }
 
 int storeFormatted(HttpMessage* message, const char* name, const char* format, va_list arguments, bool allowEmpty) {
@@ -814,11 +832,7 @@ int storeFormatted(HttpMessage* message, const char* name, const char* format, v
     TRACE_ERROR("unable to serialize header");
     return -1;
   }
-  if (msg_parseHeaderLine(message, message->buffer + message->lineStart, allowEmpty) < 0) {
-    TRACE_ERROR("unable to store header");
-    return -1;
-  }
-  return 0;
+  return storeHeader(message, allowEmpty);
 }
 
 }  // namespace
@@ -835,10 +849,10 @@ const char* msg_headerText(const HttpMessage* message, int code) {
 
 int msg_headerCopy(HttpMessage* message, const char* name, const char* value, bool allowEmpty) {
   if (appendHeaderText(message, name, value) < 0 || !msg_isOneLine(message->buffer + message->lineStart)) {
-    TRACE_ERROR("unable to set header line");
+    TRACE_ERROR("unable to serialize header");
     return -1;
   }
-  return msg_parseHeaderLine(message, message->buffer + message->lineStart, allowEmpty);
+  return storeHeader(message, allowEmpty);
 }
 
 extern "C" {

@@ -485,6 +485,9 @@ TEST_P(ContentTypeHeader, HasEachParameterUnderItsName) {
   for (const Parameter& parameter : GetParam().parameters)
     EXPECT_EQ(orNone(http_hdrGetParameter(list, parameter.first.c_str())), parameter.second);
   EXPECT_EQ(http_hdrGetParameter(list, "absent"), nullptr);
+  HttpHeaderParameter unnamed = {};
+  unnamed.next = list;
+  EXPECT_EQ(http_hdrGetParameter(&unnamed, "absent"), nullptr);
 }
 
 INSTANTIATE_TEST_SUITE_P(Texts, ContentTypeHeader, testing::ValuesIn(kTypes),

@@ -263,6 +263,20 @@ TEST(MessageGrowing, OfAnotherTypeDoesNothingAndSucceeds) {
   }
 }
 
+// So that nothing can be written into it, or read.
+TEST(MessageGrowing, OfAnotherTypeLeavesNoRoomForLines) {
+  HttpMessage message{};
+  message.type = 7;
+  ScriptInput input("Server: kro\r\n");
+  char* line = nullptr;
+  const TraceCapture trace;
+  EXPECT_EQ(msg_lineGet(&message, input.stream(), &line), -1);
+  EXPECT_EQ(msg_setHeaderLine(&message, "Server: kro"), -1);
+  EXPECT_EQ(trace.errors(),
+            TraceLines({"http-me[x]unable to initialize message buffer", "http-me[x]unable to set header line"}));
+  EXPECT_EQ(message.buffer, nullptr);
+}
+
 // --- reading lines ---------------------------------------------------------------------------------------------------
 
 struct LineCase {
@@ -694,7 +708,9 @@ TEST(MessageFirstLines, ARefusedOneShowsInTheStateOnly) {
     ASSERT_FALSE(trace.errors().empty());
     EXPECT_EQ(trace.errors().back(), "http-me[x]unable to parse status line");
     EXPECT_EQ(reply->statusCode, 0u);
-    headersOf(&message);  // reads nothing outside the buffer
+    EXPECT_EQ(headersOf(&message), std::vector<std::string>({"Server=kro"}));
+    ASSERT_EQ(msg_setHeaderLine(&message, "Vary: %s", std::string(1000, 'v').c_str()), 0);
+    EXPECT_EQ(headersOf(&message), std::vector<std::string>({"Server=kro", "Vary=" + std::string(1000, 'v')}));
   }
 }
 
@@ -716,6 +732,23 @@ TEST(MessageFirstLines, ARefusedOneLeavesNothingThatPointsIntoTheOldBuffer) {
   }
   if (request->uri.query != nullptr) {
     EXPECT_LE(std::strlen(request->uri.query), request->message.bufferSize);
+  }
+}
+
+// The line that is read next begins where the last one that was written ends, twice.
+TEST(MessageFirstLines, ALineReadBehindOneStaysInsideTheBuffer) {
+  for (const size_t length : {1u, 10u, 400u, 5000u}) {
+    SCOPED_TRACE(length);
+    const ReplyPtr reply = newReply();
+    HttpMessage& message = reply->message;
+    ASSERT_EQ(msg_setHeaderLine(&message, "Server: %s", std::string(length, 's').c_str()), 0);
+    ASSERT_EQ(msg_setHeaderLine(&message, "Vary: x"), 0);
+    ASSERT_EQ(lineSetFirst(&message, "HTTP/1.1 200 OK"), 0);
+    ScriptInput input("HTTP/1.1 200 OK\r\n\r\n");
+    char* line = nullptr;
+    ASSERT_EQ(msg_lineGet(&message, input.stream(), &line), 0);
+    EXPECT_GE(line, message.buffer);
+    EXPECT_LT(line, message.buffer + message.fill);
   }
 }
 
