@@ -34,6 +34,7 @@ struct Attempt {
 struct Resolution {
   uv_getaddrinfo_t request;
   ZelPeer* peer;
+  bool unwaited; /**< counted by the loop as such */
 };
 
 }  // namespace
@@ -58,11 +59,17 @@ void dropAttempt(ConnectJob* job) {
   job->attempt = nullptr;
 }
 
+void unwait(Resolution* resolution) {
+  if (!resolution->unwaited) ++loop.unwaited;
+  resolution->unwaited = true;
+}
+
 void freeJob(ZelPeer* peer) {
   ConnectJob* job = peer->connecting;
   if (!job) return;
   dropAttempt(job);
   if (job->resolution) {
+    unwait(job->resolution);
     job->resolution->peer = nullptr;
     uv_cancel(reinterpret_cast<uv_req_t*>(&job->resolution->request));
   }
@@ -91,8 +98,7 @@ void established(ZelPeer* peer) {
   if (!peer_openPoll(peer)) return giveUp(peer, zel_error);
   if (!peer->ended) return;
   if (!peer->heldByTurn) uv_unref(reinterpret_cast<uv_handle_t*>(&peer->poll));
-  peer_continueEnding(peer);
-  peer_releaseIfDone(peer);
+  peer_endConnected(peer);
 }
 
 void onAttempt(uv_poll_t* handle, int, int) {
@@ -142,8 +148,7 @@ void retryLater(ZelPeer* peer) {
   if (!makeAttempt(peer)) return giveUp(peer, ENOMEM);
   uv_timer_init(&loop.uv, &job->attempt->timer);
   job->attempt->timer.data = peer;
-  uv_update_time(&loop.uv);
-  uv_timer_start(&job->attempt->timer, onRetry, kConnectRetryMilliseconds, 0);
+  loop_startTimer(&job->attempt->timer, onRetry, loop_now() + kConnectRetryMilliseconds);
   if (peer->ended && !peer->heldByTurn) uv_unref(&job->attempt->handle);
 }
 
@@ -187,6 +192,7 @@ bool takeTargets(ConnectJob* job, const addrinfo* found) {
 void onResolved(uv_getaddrinfo_t* request, int status, addrinfo* found) {
   Resolution* resolution = reinterpret_cast<Resolution*>(request);
   ZelPeer* peer = resolution->peer;
+  if (resolution->unwaited) --loop.unwaited;
   free(resolution);
   if (peer) {
     peer->connecting->resolution = nullptr;
@@ -215,11 +221,7 @@ void resolve(ZelPeer* peer, const char* host, const char* port) {
 }
 
 ZelPeer* makePeer(ZelConnection* connection) {
-  if (!connection) {
-    fail(EINVAL);
-    return nullptr;
-  }
-  if (!loop_open()) return nullptr;
+  if (!connection_isUsable(connection)) return nullptr;
   ConnectJob* job = static_cast<ConnectJob*>(calloc(1, sizeof(ConnectJob)));
   if (!job) return failWithErrno<ZelPeer>();
   ZelPeer* peer = peer_create(connection, -1, Socket::Connecting);
@@ -254,6 +256,7 @@ void connect_abandon(ZelPeer* peer) { freeJob(peer); }
 
 void connect_unref(ZelPeer* peer) {
   if (peer->connecting && peer->connecting->attempt) uv_unref(&peer->connecting->attempt->handle);
+  if (peer->connecting && peer->connecting->resolution) unwait(peer->connecting->resolution);
 }
 
 bool socketAddress_ofPath(const char* path, sockaddr_un* address) {

@@ -106,18 +106,21 @@ int listenLocally(const sockaddr_un* address) {
   return makeListening(generic, sizeof(*address));
 }
 
-void rememberFile(Listener* listener, const char* path) {
+/** @return false when memory is short, with zel_error */
+bool rememberFile(Listener* listener, const char* path) {
   struct stat status;
-  if (lstat(path, &status) < 0) return;
+  if (lstat(path, &status) < 0) return true;  // somebody has removed it
   listener->device = status.st_dev;
   listener->inode = status.st_ino;
-  strncpy(listener->path, path, sizeof(listener->path) - 1);
+  listener->path = realpath(path, nullptr);
+  if (!listener->path) listener->path = strdup(path);
+  return listener->path || failWithErrno<char>();
 }
 
 /** Unless another listener has taken the path over. */
 void removeFile(const Listener* listener) {
   struct stat status;
-  if (!listener->path[0] || lstat(listener->path, &status) < 0) return;
+  if (!listener->path || lstat(listener->path, &status) < 0) return;
   if (status.st_dev == listener->device && status.st_ino == listener->inode) unlink(listener->path);
 }
 
@@ -170,9 +173,12 @@ bool isStreamSocket(int fd) {
   return getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM;
 }
 
-bool isUsable(ZelConnection* connection) { return connection ? loop_open() : fail(EINVAL); }
-
 }  // namespace
+
+bool connection_isUsable(const ZelConnection* connection) {
+  if (!connection) return fail(EINVAL);
+  return connection->destroyed ? fail(ECANCELED) : loop_open();
+}
 
 void listener_accept(ZelPeer* peer) {
   for (int i = 0; i < kAcceptsPerTurn && !peer->ending && peer->handlers[kOnAccept]; ++i)
@@ -183,6 +189,7 @@ void listener_free(ZelPeer* peer) {
   Listener* listener = peer->listener;
   if (!listener) return;
   removeFile(listener);
+  free(listener->path);
   listener->link.leave();
   free(listener);
   peer->listener = nullptr;
@@ -236,7 +243,7 @@ extern "C" void connection_destroy(ZelConnection* connection) {
 extern "C" ZelList* connection_peers(ZelConnection* connection) { return connection ? connection->peers : nullptr; }
 
 extern "C" ZelPeer* connection_listenOnTCP(ZelConnection* connection, const char* host, const char* port) {
-  if (!isUsable(connection)) return nullptr;
+  if (!connection_isUsable(connection)) return nullptr;
   const bool everywhere = !host || strcmp(host, "*") == 0;
   errno = 0;
   const int fd = everywhere ? listenEverywhere(port) : listenOn(host, port);
@@ -246,22 +253,27 @@ extern "C" ZelPeer* connection_listenOnTCP(ZelConnection* connection, const char
 
 extern "C" ZelPeer* connection_listenOnIPC(ZelConnection* connection, const char* path) {
   sockaddr_un address;
-  if (!isUsable(connection) || !socketAddress_ofPath(path, &address)) return nullptr;
+  if (!connection_isUsable(connection) || !socketAddress_ofPath(path, &address)) return nullptr;
   const int fd = listenLocally(&address);
   if (fd < 0) return failWithErrno<ZelPeer>();
   ZelPeer* peer = makeListener(connection, fd);
-  if (peer) rememberFile(peer->listener, path);
-  return peer;
+  if (!peer || rememberFile(peer->listener, path)) return peer;
+  const uint32_t reason = zel_error;
+  unlink(path);
+  peer_end(peer, Ending::Here);
+  zel_error = reason;
+  return nullptr;
 }
 
 extern "C" ZelPeer* connection_adopt(ZelConnection* connection, int descriptor) {
-  if (!isUsable(connection)) return nullptr;
+  if (!connection_isUsable(connection)) return nullptr;
   if (!isStreamSocket(descriptor)) {
     fail(ZEL_ERROR_ADDRESS);
     return nullptr;
   }
   const int flags = fcntl(descriptor, F_GETFL);
-  if (flags < 0 || fcntl(descriptor, F_SETFL, flags | O_NONBLOCK) < 0) return failWithErrno<ZelPeer>();
+  if (flags < 0 || fcntl(descriptor, F_SETFL, flags | O_NONBLOCK) < 0 || fcntl(descriptor, F_SETFD, FD_CLOEXEC) < 0)
+    return failWithErrno<ZelPeer>();
   ZelPeer* peer = peer_create(connection, descriptor, Socket::Connected);
   if (!peer) return nullptr;
   sockaddr_storage address;

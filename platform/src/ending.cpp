@@ -1,5 +1,7 @@
 // The end of a peer: its close handlers, its last bytes, and the time its socket stays open after them. Closing a
 // socket with unread input resets the connection, and the reset may overtake a reply that is still on its way.
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -64,15 +66,20 @@ bool holdsSocket(const ZelPeer* peer) {
 
 void armLingerEnd() {
   if (loop.lingering.alone()) return;
-  const uint64_t deadline = linked<ZelPeer>(loop.lingering.next)->deadline;
-  const uint64_t now = loop_now();
-  uv_timer_start(&loop.lingerEnd, peer_lingerExpired, deadline > now ? deadline - now : 0, 0);
+  loop_startTimer(&loop.lingerEnd, peer_lingerExpired, linked<ZelPeer>(loop.lingering.next)->deadline);
+}
+
+/** Output that the socket has taken, and the other side has not. */
+uint32_t bytesInSocket(const ZelPeer* peer) {
+  int bytes = 0;
+  return peer->fd >= 0 && ioctl(peer->fd, SIOCOUTQ, &bytes) == 0 ? static_cast<uint32_t>(bytes) : 0;
 }
 
 /** The list stays in order of the deadlines because every stay has the same length. */
 void linger(ZelPeer* peer) {
   const bool wasEmpty = loop.lingering.alone();
   peer->deadline = loop_now() + kLingerMilliseconds;
+  if (peer->output.bytes > 0) peer->unsent = bytesInSocket(peer);
   loop.lingering.append(&peer->link);
   if (wasEmpty) armLingerEnd();
 }
@@ -83,18 +90,48 @@ void waitFor(ZelPeer* peer, int interest) {
   uv_poll_start(&peer->poll, interest, peer_onPoll);
 }
 
+bool takesInput(const ZelPeer* peer) { return !peer->eof && !peer->reset && peer->dropped < kLingerBytes; }
+
 /** @return false when nothing more is to be expected from the other side */
 bool dropInput(ZelPeer* peer) {
   char* scratch = loop_takeBuffer();
-  if (!scratch) return false;
+  if (!scratch) {
+    peer->dropped = kLingerBytes;
+    return false;
+  }
   ssize_t count;
   do {
     count = recv(peer->fd, scratch, kStreamBufferSize, MSG_DONTWAIT);
     if (count > 0) peer->dropped += static_cast<uint32_t>(count);
   } while (count > 0 && peer->dropped < kLingerBytes);
-  const bool waiting = count < 0 && (errno == EAGAIN || errno == EINTR);
+  peer->eof = count == 0;
+  peer->reset = count < 0 && errno != EAGAIN && errno != EINTR;
   loop_returnBuffer(scratch);
-  return waiting;
+  return takesInput(peer);
+}
+
+void continueEnding(ZelPeer* peer) {
+  const Flush result = flushAll(peer);
+  if (result == Flush::Dead) return peer_closeSocket(peer);
+  // The other side may want to get rid of what it sends before it reads.
+  if (result == Flush::Blocked) return waitFor(peer, takesInput(peer) ? UV_WRITABLE | UV_READABLE : UV_WRITABLE);
+  if (peer->eof || !peer->wrote) return peer_closeSocket(peer);
+  shutdown(peer->fd, SHUT_WR);
+  peer->dropped = 0;
+  waitFor(peer, UV_READABLE);
+}
+
+/** The time of @p peer is up, and perhaps nobody asked its socket meanwhile. @return whether it gets more time */
+bool getsOn(ZelPeer* peer) {
+  if (peer->socket == Socket::Connecting) return ++peer->looks <= kLingerConnecting;
+  const size_t queued = peer->output.bytes;
+  const uint32_t dropped = peer->dropped;
+  if (takesInput(peer)) dropInput(peer);
+  if (queued == 0 || peer->reset) return false;
+  peer->blocked = false;
+  continueEnding(peer);
+  if (peer->fd < 0) return false;
+  return peer->output.bytes < queued || peer->dropped != dropped || bytesInSocket(peer) < peer->unsent;
 }
 
 void abandon(ZelPeer* peer) {
@@ -113,7 +150,7 @@ void finish(ZelPeer* peer, bool gone) {
       if (gone)
         peer_closeSocket(peer);
       else
-        peer_continueEnding(peer);
+        continueEnding(peer);
   }
 }
 
@@ -123,6 +160,7 @@ void peer_end(ZelPeer* peer, Ending ending) {
   if (peer->ending) return;
   peer->ending = true;
   peer->heldByTurn = true;
+  ++loop.endings;
   loop.ended.append(&peer->link);
   loop_stayAwake();
   llist_removeSerial(peer->connection->peers, peer->serial);
@@ -130,15 +168,14 @@ void peer_end(ZelPeer* peer, Ending ending) {
   stream_takeBack(peer);
   peer->ended = true;
   finish(peer, isGone(peer, ending));
+  --loop.endings;
 }
 
-void peer_continueEnding(ZelPeer* peer) {
-  const Flush result = flushAll(peer);
-  if (result == Flush::Dead) return peer_closeSocket(peer);
-  if (result == Flush::Blocked) return waitFor(peer, UV_WRITABLE);
-  if (peer->eof || !peer->wrote) return peer_closeSocket(peer);
-  shutdown(peer->fd, SHUT_WR);
-  waitFor(peer, UV_READABLE);
+void peer_endConnected(ZelPeer* peer) {
+  continueEnding(peer);
+  if (peer->heldByTurn) return;
+  if (peer->fd >= 0) linger(peer);
+  peer_releaseIfDone(peer);
 }
 
 void peer_closeSocket(ZelPeer* peer) {
@@ -155,14 +192,17 @@ void peer_closeSocket(ZelPeer* peer) {
 void peer_lingerEvent(ZelPeer* peer, bool failed, int events) {
   if (peer->fd < 0) return;
   const size_t queued = peer->output.bytes;
-  if (!failed && queued > 0) {
-    if (events & UV_WRITABLE) peer->blocked = false;
-    peer_continueEnding(peer);
-  } else if (failed || !dropInput(peer)) {
+  const uint32_t dropped = peer->dropped;
+  const bool finished = (events & UV_READABLE) && takesInput(peer) && !dropInput(peer);
+  if (failed || peer->reset || (finished && queued == 0)) {
     peer_closeSocket(peer);
+  } else if (queued > 0) {
+    if (events & UV_WRITABLE) peer->blocked = false;
+    continueEnding(peer);
   }
   if (peer->heldByTurn) return;
-  if (peer->fd >= 0 && peer->output.bytes < queued) linger(peer);  // it gets on
+  // It gets on.
+  if (peer->fd >= 0 && queued > 0 && (peer->output.bytes < queued || peer->dropped != dropped)) linger(peer);
   peer_releaseIfDone(peer);
 }
 
@@ -188,7 +228,13 @@ void peer_releaseEnded() {
 
 void peer_lingerExpired(uv_timer_t*) {
   const uint64_t now = loop_now();
-  while (!loop.lingering.alone() && linked<ZelPeer>(loop.lingering.next)->deadline <= now) peer_dropOldestLingering();
+  while (!loop.lingering.alone() && linked<ZelPeer>(loop.lingering.next)->deadline <= now) {
+    ZelPeer* peer = linked<ZelPeer>(loop.lingering.next);
+    if (getsOn(peer))
+      linger(peer);
+    else
+      peer_dropOldestLingering();
+  }
   armLingerEnd();
 }
 

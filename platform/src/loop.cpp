@@ -55,7 +55,6 @@ void onPrepare(uv_prepare_t*) {
 
 void onCheck(uv_check_t*) {
   work();
-  peer_releaseEnded();
   restIfIdle();
 }
 
@@ -140,15 +139,30 @@ SignalSlot* makeSignal(int number) {
   return nullptr;
 }
 
+/** As uv_loop_alive(), but for look-ups that nothing waits for: libuv cannot leave a request uncounted. */
+bool isAlive() {
+  const bool onlyRequests = loop.uv.active_handles == 0 && !loop.uv.closing_handles;
+  return uv_loop_alive(&loop.uv) && !(onlyRequests && loop.uv.active_reqs.count <= loop.unwaited);
+}
+
 /** libuv does nothing for what lingers alone: its timer stands in for it. */
-void runOnce(uv_run_mode mode) {
+template <typename Call>
+int withLingering(Call call) {
   const bool lingersAlone = !loop.lingering.alone() && !uv_loop_alive(&loop.uv);
   if (lingersAlone) uv_ref(asHandle(&loop.lingerEnd));
-  loop.inWait = true;
-  uv_run(&loop.uv, mode);
-  loop.inWait = false;
+  const int result = call();
   if (lingersAlone) uv_unref(asHandle(&loop.lingerEnd));
+  return result;
 }
+
+void runOnce(uv_run_mode mode) {
+  loop.inWait = true;
+  withLingering([=] { return uv_run(&loop.uv, mode); });
+  loop.inWait = false;
+}
+
+/** A handler runs, or the loop ends: a turn would free what its caller still has in hand. */
+bool isBusy() { return loop.inTurn || loop.endings > 0 || loop.closing; }
 
 uint64_t milliseconds(uint64_t from, uint64_t to) { return to > from ? to - from : 0; }
 
@@ -173,9 +187,12 @@ void loop_markWork(ZelPeer* peer) {
   loop_stayAwake();
 }
 
-uint64_t loop_now() {
-  uv_update_time(&loop.uv);
-  return uv_now(&loop.uv);
+uint64_t loop_now() { return uv_hrtime() / 1000000; }
+
+// libuv's own clock stands still between turns and during handlers. It must not be put forward inside a turn: timers
+// run while one of them is due.
+void loop_startTimer(uv_timer_t* timer, uv_timer_cb callback, uint64_t due) {
+  uv_timer_start(timer, callback, milliseconds(uv_now(&loop.uv), due), 0);
 }
 
 char* loop_takeBuffer() {
@@ -195,8 +212,8 @@ void loop_returnBuffer(char* buffer) {
 using zel::loop;
 
 extern "C" bool zel_loop_turn(int milliseconds) {
+  if (zel::isBusy()) return zel::fail(EBUSY);
   if (!zel::loop_open()) return false;
-  if (loop.inTurn) return zel::fail(EBUSY);
   loop.inTurn = true;
   ++loop.turn;
   if (milliseconds > 0) {
@@ -206,19 +223,20 @@ extern "C" bool zel_loop_turn(int milliseconds) {
   zel::runOnce(milliseconds == 0 ? UV_RUN_NOWAIT : UV_RUN_ONCE);
   uv_timer_stop(&loop.limit);
   zel::work();  // of the timers that ran last
+  zel::peer_releaseEnded();
   zel::restIfIdle();
   loop.inTurn = false;
-  return uv_loop_alive(&loop.uv);
+  return zel::isAlive();
 }
 
 extern "C" int zel_loop_run(void) {
-  if (!zel::loop_open()) return -1;
-  if (loop.inTurn) {
+  if (zel::isBusy()) {
     zel::fail(EBUSY);
     return -1;
   }
+  if (!zel::loop_open()) return -1;
   loop.stopped = false;
-  while (!loop.stopped && uv_loop_alive(&loop.uv)) zel_loop_turn(-1);
+  while (!loop.stopped && zel::isAlive()) zel_loop_turn(-1);
   return 0;
 }
 
@@ -231,15 +249,13 @@ extern "C" int zel_loop_descriptor(void) { return zel::loop_open() ? uv_backend_
 
 extern "C" int zel_loop_timeout(void) {
   if (!loop.open) return -1;
-  uv_update_time(&loop.uv);
-  if (uv_loop_alive(&loop.uv)) return uv_backend_timeout(&loop.uv);
-  if (loop.lingering.alone()) return -1;
-  const uint64_t left = zel::milliseconds(uv_now(&loop.uv), zel::linked<ZelPeer>(loop.lingering.next)->deadline);
-  return static_cast<int>(left);
+  if (loop.lingering.alone() && !uv_loop_alive(&loop.uv)) return -1;
+  if (!loop.inTurn) uv_update_time(&loop.uv);
+  return zel::withLingering([] { return uv_backend_timeout(&loop.uv); });
 }
 
 extern "C" void zel_loop_drain(unsigned milliseconds) {
-  if (!loop.open || loop.inTurn) return;
+  if (!loop.open || zel::isBusy()) return;
   const uint64_t end = zel::loop_now() + milliseconds;
   while (!loop.ended.alone() || !loop.lingering.alone()) {
     const uint64_t left = zel::milliseconds(zel::loop_now(), end);
@@ -253,6 +269,7 @@ extern "C" bool zel_loop_onSignal(int signal, ZelSignalHandler handler, void* us
   if (!zel::loop_open()) return false;
   if (!handler) {
     zel::dropSignal(signal);
+    if (signal == SIGPIPE) zel::ignoreSigpipe();
     return true;
   }
   zel::SignalSlot* slot = zel::signals[signal] ? zel::signals[signal] : zel::makeSignal(signal);
@@ -263,7 +280,7 @@ extern "C" bool zel_loop_onSignal(int signal, ZelSignalHandler handler, void* us
 }
 
 extern "C" void zel_loop_close(void) {
-  if (!loop.open || loop.inTurn) return;
+  if (!loop.open || zel::isBusy()) return;
   loop.closing = true;
   zel::endEveryPeer();
   zel::peer_releaseEnded();

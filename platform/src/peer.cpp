@@ -46,11 +46,10 @@ ssize_t peekOne(ZelPeer* peer) {
 
 /** Something can be read without waiting for the socket. */
 bool hasInputAtHand(ZelPeer* peer) {
-  const bool isNew = peer->tryRead;
+  const bool wasAsked = peer->tryRead;
   peer->tryRead = false;
-  if (stream_unread(peer) > 0 || (isNew && peer->eof)) return true;
-  if (peer->transport == &kSocketTransport) return false;
-  return (isNew || peer->readTurn == loop.turn) && peekOne(peer) > 0;
+  if (stream_unread(peer) > 0 || (wasAsked && peer->eof)) return true;
+  return wasAsked && peer->transport != &kSocketTransport && (peekOne(peer) >= 0 || errno != EAGAIN);
 }
 
 /** The socket refused output for good; whoever reads may still take what came in before. */
@@ -71,7 +70,7 @@ bool offerInput(ZelPeer* peer) {
 }
 
 /** Nobody reads: tells a peer that is gone from one that sent urgent data. @return false when it has ended */
-bool checkAlive(ZelPeer* peer) {
+bool checkAlive(ZelPeer* peer, int events) {
   const int state = pollNow(peer, 0);
   // What it sent before it went is still to be read, by a handler that may only be resting.
   peer->hungUp = state == POLLHUP && (stream_unread(peer) > 0 || peekOne(peer) > 0);
@@ -80,8 +79,9 @@ bool checkAlive(ZelPeer* peer) {
     peer_end(peer, Ending::Vanished);
     return false;
   }
+  if (events & UV_DISCONNECT) peer->finished = true;
   char urgent;
-  recv(peer->fd, &urgent, 1, MSG_OOB | MSG_DONTWAIT);  // or it would be reported for ever
+  if (events & UV_PRIORITIZED) recv(peer->fd, &urgent, 1, MSG_OOB | MSG_DONTWAIT);  // or it would be reported for ever
   return true;
 }
 
@@ -91,8 +91,8 @@ void onSocket(ZelPeer* peer, bool failed, int events) {
   if (failed || (events & UV_WRITABLE)) peer->blocked = false;
   if (peer->handlers[kOnData]) {
     if ((failed || (events & UV_READABLE)) && !offerInput(peer)) return;
-  } else if (failed || (events & UV_PRIORITIZED)) {
-    if (!checkAlive(peer)) return;
+  } else if (failed || (events & (UV_PRIORITIZED | UV_DISCONNECT)) || (peer->finished && takesOutput(peer))) {
+    if (!checkAlive(peer, events)) return;
   }
   if ((events & UV_WRITABLE) && peer->handlers[kOnWritable] && takesOutput(peer) &&
       !peer_raise(peer, peer->handlers[kOnWritable], false))
@@ -108,6 +108,8 @@ uint8_t wantedInterest(const ZelPeer* peer) {
   int wanted = 0;
   if (peer->handlers[kOnData]) wanted |= UV_READABLE;
   if (peer->output.bytes > 0 ? peer->blocked : peer->handlers[kOnWritable] != nullptr) wanted |= UV_WRITABLE;
+  // A socket whose other side is gone takes data, and drops it: the poll set tells by the end of the input.
+  if (wanted == UV_WRITABLE && !peer->finished && !peer->hungUp) wanted |= UV_DISCONNECT;
   // With nothing to wait for the descriptor stays in the poll set: a peer that vanishes is reported all the same. One
   // that has would be reported all the time.
   return static_cast<uint8_t>(wanted || peer->hungUp ? wanted : UV_PRIORITIZED);
@@ -202,6 +204,7 @@ bool peer_raise(ZelPeer* peer, ZelPeerHandler handler, bool reading) {
   if (!handled) peer_end(peer, Ending::Here);
   if (peer->ended) return false;
   if (!stream_takeBack(peer)) peer_failLater(peer, ENOMEM);
+  if (reading) stream_askTransport(peer);
   loop_markWork(peer);
   return true;
 }
@@ -259,7 +262,7 @@ extern "C" bool peer_setEventHandler(ZelPeer* peer, int event, int direction, Ze
   if (known->slot == kOnData) peer->tryRead = handler != nullptr;
   // Who goes on with a peer from elsewhere may read at once: without a buffer it would do so byte by byte.
   if (known->slot == kOnData && handler && loop.current != peer && peer->readTurn > 0) stream_lendInput(peer);
-  if (known->slot == kOnWritable) peer->tryWritable = handler != nullptr;
+  if (known->slot == kOnWritable) peer->tryWritable = handler && !(peer->interest & UV_WRITABLE);
   if (known->slot != kOnClose) loop_markWork(peer);
   return true;
 }

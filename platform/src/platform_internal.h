@@ -31,6 +31,8 @@ constexpr int kRoundsPerTurn = 16;
 constexpr int kAcceptsPerTurn = 32;
 /** How long an ended peer may take for its last bytes, and how long the other side may take to finish. */
 constexpr uint64_t kLingerMilliseconds = 2000;
+/** How often a connection that is not made yet is given that time again. */
+constexpr uint8_t kLingerConnecting = 15;
 /** How much further input an ended peer drops before its socket goes. */
 constexpr size_t kLingerBytes = 256 * 1024;
 /** How often listening is tried again while descriptors are short. */
@@ -51,7 +53,7 @@ struct Listener {
   ZelPeer* peer;
   dev_t device; /**< with the inode: tells the socket's file from one that replaced it */
   ino_t inode;
-  char path[sizeof(sockaddr_un::sun_path)]; /**< empty for TCP */
+  char* path; /**< from the root: the working directory may change; NULL for TCP */
 };
 
 /** What a peer's socket is. */
@@ -88,10 +90,12 @@ struct ZelPeer {
   uint32_t readTurn;  /**< the last turn in which the transport was read */
   uint32_t turnBytes; /**< and how much of it */
   uint32_t dropped;   /**< input bytes thrown away while lingering */
+  uint32_t unsent;    /**< what the socket held back when its time was last set, while lingering */
   uint32_t reason;    /**< zel_error of a failure that its end will report */
   int fd;
   uint8_t remote[16]; /**< the other side's IP address */
   uint8_t remoteFamily;
+  uint8_t looks;    /**< how often its time was up while it was connecting */
   uint8_t interest; /**< what the poll handle waits for */
   zel::Socket socket;
   bool polled : 1;
@@ -106,10 +110,11 @@ struct ZelPeer {
   bool wrote : 1;       /**< output was ever made */
   bool undrained : 1;   /**< output was made for which event 5 has not been raised */
   bool tryWritable : 1; /**< a handler of event 4 is new: ask the socket before waiting for it */
-  bool tryRead : 1;     /**< a handler of event 3 is new: what is at hand is offered without waiting for the socket */
+  bool tryRead : 1;     /**< a handler of event 3 is new, or a transport may hold input: do not wait for the socket */
   bool eof : 1;         /**< the end of the input has been seen */
   bool reset : 1;       /**< the other side is gone */
   bool hungUp : 1;      /**< it has closed both directions, and what it sent is still to be read */
+  bool finished : 1;    /**< it has closed its direction, as the poll set told while nobody read */
 };
 
 struct ZelConnection {
@@ -140,6 +145,8 @@ struct Loop {
   char* buffers[kPooledBuffers];
   size_t bufferCount;
   uint32_t turn;
+  uint32_t unwaited; /**< look-ups on their way that nothing living waits for */
+  uint32_t endings;  /**< close handlers of so many peers run */
   bool open;
   bool inTurn;
   bool inWait; /**< within libuv's part of the turn */
@@ -163,7 +170,9 @@ T* failWithErrno() {
 bool loop_open();                  /**< makes the loop if there is none; false with zel_error */
 void loop_stayAwake();             /**< something is to be done before the loop may sleep */
 void loop_markWork(ZelPeer* peer); /**< the peer is looked at before the loop sleeps */
-uint64_t loop_now();
+uint64_t loop_now();               /**< in milliseconds */
+/** Starts @p timer, which runs out at @p due, a time as loop_now() gives it. */
+void loop_startTimer(uv_timer_t* timer, uv_timer_cb callback, uint64_t due);
 char* loop_takeBuffer();
 void loop_returnBuffer(char* buffer);
 
@@ -193,6 +202,8 @@ void stream_takeInputBack(ZelPeer* peer);
 void stream_lend(ZelPeer* peer, bool reading);
 bool stream_takeBack(ZelPeer* peer); /**< false when output could not be kept */
 void stream_dropOutput(ZelPeer* peer);
+/** A transport that is not the socket's own may hold input that the socket does not tell of. */
+void stream_askTransport(ZelPeer* peer);
 size_t stream_unread(const ZelPeer* peer);
 void stream_close(ZelPeer* peer);
 enum class Flush { Done, Blocked, More, Dead };
@@ -201,7 +212,7 @@ Flush stream_flush(ZelPeer* peer);
 // ending.cpp
 void peer_end(ZelPeer* peer, Ending ending);
 void peer_closeSocket(ZelPeer* peer);
-void peer_continueEnding(ZelPeer* peer);
+void peer_endConnected(ZelPeer* peer); /**< an ended peer has got its connection */
 void peer_releaseIfDone(ZelPeer* peer);
 void peer_lingerEvent(ZelPeer* peer, bool failed, int events);
 void peer_releaseEnded();
@@ -210,6 +221,7 @@ void peer_dropAllLingering();
 void peer_lingerExpired(uv_timer_t* timer);
 
 // connection.cpp
+bool connection_isUsable(const ZelConnection* connection); /**< for new peers; makes the loop; false with zel_error */
 void listener_accept(ZelPeer* peer);
 void listener_free(ZelPeer* peer);
 void listener_descriptorFreed();

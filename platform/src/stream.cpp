@@ -33,12 +33,20 @@ ssize_t writeTo(ZelPeer* peer, const void* data, size_t size) {
   return retried([=] { return peer->transport->write(peer, data, size); });
 }
 
+/** Somebody reads outside of event 3: there may be nothing left to wait for, or more than the socket tells of. */
+void lookAgain(ZelPeer* peer) {
+  peer->hungUp = false;
+  stream_askTransport(peer);
+  loop_markWork(peer);
+}
+
 bool wouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK; }
 
 /** Keeps what a read or peek has told about the other side. */
 ssize_t noteInput(ZelPeer* peer, ssize_t result) {
   if (result == 0) peer->eof = true;
   if (result < 0 && !wouldBlock()) peer->reset = true;
+  if (peer->hungUp || peer->transport != &kSocketTransport) lookAgain(peer);
   return result;
 }
 
@@ -201,6 +209,10 @@ size_t copyOut(char** to, size_t room, const char* from, const char* end) {
 
 const ZelTransport kSocketTransport = {socketRead, socketWrite, socketPeek, PEER_CAPABILITY_SENDFILE};
 
+void stream_askTransport(ZelPeer* peer) {
+  if (peer->transport != &kSocketTransport) peer->tryRead = true;
+}
+
 size_t stream_unread(const ZelPeer* peer) {
   const FILE* stream = peer->in;
   if (!stream) return 0;
@@ -289,7 +301,10 @@ extern "C" ssize_t peer_peek(ZelPeer* peer, void* buffer, size_t length) {
     fail(ZEL_ERROR_BAD_PEER);
     return refuse(ENOTCONN);
   }
-  if (length == 0) return refuse(EINVAL);
+  if (length == 0) {
+    fail(EINVAL);
+    return refuse(EINVAL);
+  }
   if (stream_unread(peer) > 0) {
     const FILE* in = peer->in;
     char* to = static_cast<char*>(buffer);

@@ -86,9 +86,8 @@ extern "C" bool zel_timer_start(ZelTimer* timer, unsigned milliseconds) {
     return true;
   }
   if (!makeHandle(timer)) return false;
-  // The loop's clock stands still between turns and during handlers.
-  uv_update_time(&zel::loop.uv);
-  uv_timer_start(timer->handle, onTimeout, milliseconds, 0);
+  // The millisecond that has begun does not count: the timer would fire before its time.
+  zel::loop_startTimer(timer->handle, onTimeout, zel::loop_now() + 1 + milliseconds);
   return true;
 }
 

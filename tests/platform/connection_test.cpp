@@ -5,12 +5,22 @@
 #include <dlfcn.h>
 #include <netdb.h>
 
+#include <atomic>
+
 #include "peer_support.h"
 
-// The system's, with one more name: "two.test" has an address where nobody listens, and then 127.0.0.1.
+static std::atomic<bool> slowAnswers;
+
+// The system's, with two more names: "two.test" has an address where nobody listens, and then 127.0.0.1; "slow.test"
+// has none, which is told when slowAnswers is set.
 extern "C" int getaddrinfo(const char* host, const char* port, const addrinfo* hints, addrinfo** found) {
   using Call = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
   static const Call real = reinterpret_cast<Call>(dlsym(RTLD_NEXT, "getaddrinfo"));
+  if (host && std::string_view(host) == "slow.test") {
+    for (int i = 0; i < 300 && !slowAnswers; ++i) usleep(10000);
+    slowAnswers = true;
+    return EAI_NONAME;
+  }
   if (!host || std::string_view(host) != "two.test") return real(host, port, hints, found);
   const int status = real("127.0.0.2", port, hints, found);
   return status ? status : real("127.0.0.1", port, hints, &(*found)->ai_next);
@@ -125,6 +135,18 @@ TEST_F(ConnectionTest, AStaleSocketFileIsReplaced) {
     ASSERT_EQ(bind(old.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
   }
   EXPECT_NE(connection_listenOnIPC(connection_, path.c_str()), nullptr) << error_string(zel_error);
+}
+
+TEST_F(ConnectionTest, ASocketFileGoesAfterAChangeOfTheFolder) {
+  const std::string path = folder_.file("relative");
+  const Descriptor before(open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(chdir(path.substr(0, path.rfind('/')).c_str()), 0);
+  ZelPeer* listener = connection_listenOnIPC(connection_, "relative");
+  ASSERT_EQ(fchdir(before.get()), 0);
+  ASSERT_NE(listener, nullptr);
+  EXPECT_EQ(access(path.c_str(), F_OK), 0);
+  peer_destroy(listener);
+  EXPECT_NE(access(path.c_str(), F_OK), 0);
 }
 
 TEST_F(ConnectionTest, AnAddressInUseStaysInUse) {
@@ -311,6 +333,19 @@ TEST_F(ConnectionTest, LookUpsMayOutliveTheirPeers) {
   zel_loop_close();
 }
 
+TEST_F(ConnectionTest, ALookUpThatNobodyWaitsForDoesNotKeepTheLoopRunning) {
+  for (const bool lingers : {false, true}) {
+    slowAnswers = false;
+    ZelPeer* peer = connection_connectToTCP(connection_, "slow.test", "9", 0);
+    EXPECT_TRUE(zel_loop_turn(0));
+    if (lingers) fputs("x", peer_outStream(peer, PEER_STREAM_BUFFERED));
+    peer_destroy(peer);
+    EXPECT_EQ(zel_loop_run(), 0);
+    EXPECT_FALSE(slowAnswers.exchange(true));
+    zel_loop_close();
+  }
+}
+
 TEST_F(ConnectionTest, OutputOfAPeerThatEndsWhileConnectingIsDelivered) {
   ZelPeer* listener = connection_listenOnTCP(connection_, "127.0.0.1", "0");
   std::string got;
@@ -333,34 +368,78 @@ TEST_F(ConnectionTest, OutputOfAPeerThatEndsWhileConnectingIsDelivered) {
   settle();
 }
 
-TEST_F(ConnectionTest, LocalConnectionsWaitForAFullBacklog) {
-  const std::string path = folder_.file("full");
-  Descriptor listening(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  strcpy(address.sun_path, path.c_str());
-  ASSERT_EQ(bind(listening.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  ASSERT_EQ(listen(listening.get(), 0), 0);
-  std::vector<Descriptor> fillers;
-  for (;;) {
-    Descriptor filler(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (connect(filler.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) < 0) break;
-    fillers.push_back(std::move(filler));
+// A local socket whose backlog is full: connections to it are not made before it accepts.
+class BacklogTest : public ConnectionTest {
+ protected:
+  void SetUp() override {
+    ConnectionTest::SetUp();
+    path_ = folder_.file("full");
+    listening_.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, path_.c_str());
+    const sockaddr* generic = reinterpret_cast<sockaddr*>(&address);
+    ASSERT_EQ(bind(listening_.get(), generic, sizeof(address)), 0);
+    ASSERT_EQ(listen(listening_.get(), 0), 0);
+    for (;;) {
+      Descriptor filler(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+      if (connect(filler.get(), generic, sizeof(address)) < 0) break;
+      fillers_.push_back(std::move(filler));
+    }
   }
-  ZelPeer* patient = connection_connectToIPC(connection_, path.c_str());
-  ZelPeer* ended = connection_connectToIPC(connection_, path.c_str());
+  void TearDown() override {
+    listening_.reset();
+    fillers_.clear();
+    served_.clear();
+    ConnectionTest::TearDown();
+  }
+  // Accepts, and gives what all have sent so far.
+  const std::string& serve() {
+    Descriptor one(accept4(listening_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (one.get() >= 0) served_.push_back(std::move(one));
+    for (const Descriptor& each : served_) got_ += received(each);
+    return got_;
+  }
+
+  std::string path_;
+  std::string got_;
+  Descriptor listening_;
+  std::vector<Descriptor> fillers_;
+  std::vector<Descriptor> served_;
+};
+
+TEST_F(BacklogTest, OutputOfAnEndedPeerWaitsForItsConnection) {
+  ZelPeer* peer = connection_connectToIPC(connection_, path_.c_str());
+  fputs("at last", peer_outStream(peer, PEER_STREAM_BUFFERED));
+  peer_destroy(peer);
+  for (int i = 0; i < 6; ++i) {
+    settle();
+    letTimePass(1000);
+  }
+  ASSERT_TRUE(until([&] { return serve().substr(0, 7) == "at last"; }));
+}
+
+TEST_F(BacklogTest, AConnectionThatIsNeverMadeIsGivenUp) {
+  ZelPeer* peer = connection_connectToIPC(connection_, path_.c_str());
+  fputs("to nobody", peer_outStream(peer, PEER_STREAM_BUFFERED));
+  peer_destroy(peer);
+  settle();
+  EXPECT_GE(zel_loop_timeout(), 0);
+  for (int i = 0; i < 50; ++i) {
+    settle();
+    letTimePass(1000);
+  }
+  settle();
+  EXPECT_EQ(zel_loop_timeout(), -1);
+}
+
+TEST_F(BacklogTest, LocalConnectionsWait) {
+  ZelPeer* patient = connection_connectToIPC(connection_, path_.c_str());
+  ZelPeer* ended = connection_connectToIPC(connection_, path_.c_str());
   fputs("at last", peer_outStream(patient, PEER_STREAM_BUFFERED));
   settle();
   peer_destroy(ended);
-  std::vector<Descriptor> served;
-  std::string got;
-  fcntl(listening.get(), F_SETFL, O_NONBLOCK);
-  ASSERT_TRUE(until([&] {
-    Descriptor one(accept4(listening.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-    if (one.get() >= 0) served.push_back(std::move(one));
-    for (const Descriptor& each : served) got += received(each);
-    return got == "at last";
-  }));
+  ASSERT_TRUE(until([&] { return serve() == "at last"; }));
 }
 
 TEST_F(ConnectionTest, WithoutAnAcceptHandlerConnectionsWait) {
@@ -518,6 +597,15 @@ TEST_F(ConnectionTest, OnlyStreamSocketsAreAdopted) {
   }
   EXPECT_EQ(connection_adopt(nullptr, file.get()), nullptr);
   EXPECT_EQ(living(), 0u);
+}
+
+TEST_F(ConnectionTest, AnAdoptedDescriptorIsNotInherited) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  other_.reset(ends[1]);
+  ZelPeer* peer = connection_adopt(connection_, ends[0]);
+  ASSERT_NE(peer, nullptr);
+  EXPECT_EQ(fcntl(peer_socket(peer), F_GETFD), FD_CLOEXEC);
 }
 
 TEST_F(ConnectionTest, ADescriptorIsAdoptedOnce) {

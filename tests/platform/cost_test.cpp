@@ -16,6 +16,7 @@ struct Counters {
   size_t reads;   // recv
   size_t writes;  // send, sendmsg
   size_t epollCtls;
+  size_t polls;
   size_t allocations;  // always 0 in sanitized builds
 };
 
@@ -41,6 +42,11 @@ extern "C" ssize_t sendmsg(int fd, const msghdr* message, int flags) {
 extern "C" int epoll_ctl(int fd, int operation, int other, epoll_event* event) noexcept {
   ++counters.epollCtls;
   return static_cast<int>(syscall(SYS_epoll_ctl, fd, operation, other, event));
+}
+
+extern "C" int poll(pollfd* descriptors, nfds_t count, int timeout) {
+  ++counters.polls;
+  return static_cast<int>(syscall(SYS_poll, descriptors, count, timeout));
 }
 
 namespace {
@@ -122,6 +128,22 @@ TEST_F(CostTest, AHandlerTakenAwayAndPutBackCostsNothing) {
   }
   EXPECT_EQ(counters.epollCtls, 0u);
   EXPECT_EQ(counters.reads, 0u);
+}
+
+TEST_F(CostTest, AHandlerOfEvent4TakenAwayAndPutBackCostsNothing) {
+  ZelPeer* peer = makePeer(&other_);
+  const Probe::Handler handler = [](ZelPeer*) { return true; };
+  probe_.on(peer, PEER_EVENT_WRITABLE, handler);
+  settle();
+  counters = {};
+  for (int i = 0; i < 10; ++i) {
+    probe_.off(peer, PEER_EVENT_WRITABLE);
+    probe_.on(peer, PEER_EVENT_WRITABLE, handler);
+    zel_loop_turn(0);
+  }
+  EXPECT_GE(probe_.count(PEER_EVENT_WRITABLE), 10u);
+  EXPECT_EQ(counters.polls, 0u);
+  EXPECT_EQ(counters.epollCtls, 0u);
 }
 
 TEST_F(CostTest, AFullSocketIsNotTriedAgainBeforeItTakesData) {
@@ -341,6 +363,17 @@ void run() {
 }
 
 }  // namespace scarce
+
+TEST_F(CostTest, AListWithoutMemoryTellsWhy) {
+  ZelList* list = llist_create();
+  zel_error = 0;
+  allocationsLeft = 0;
+  const bool appended = llist_append(list, list);
+  allocationsLeft = SIZE_MAX;
+  EXPECT_FALSE(appended);
+  EXPECT_EQ(zel_error, static_cast<uint32_t>(ENOMEM));
+  llist_destroy(list);
+}
 
 // Lets every allocation of a whole exchange be the first that fails: nothing crashes, leaks, or is lost without notice.
 TEST_F(CostTest, EveryLackOfMemoryIsNoticed) {

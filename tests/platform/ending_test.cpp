@@ -168,6 +168,54 @@ TEST_F(EndingTest, WhatWasSentBeforeTheOtherSideWentIsStillRead) {
   EXPECT_EQ(calls, "6");
 }
 
+TEST_F(EndingTest, AnOtherSideThatWentIsNoticedWhenItsLastBytesAreReadFromElsewhere) {
+  for (const bool toTheEnd : {false, true}) {
+    ZelPeer* peer = makePeer(&other_);
+    onClose(peer);
+    sendText(other_, "last");
+    other_.reset();
+    settle();
+    ASSERT_EQ(living(), 1u);
+    char text[5] = "";
+    EXPECT_EQ(fread(text, 1, toTheEnd ? 5 : 4, peer_inStream(peer)), 4u);
+    EXPECT_STREQ(text, "last");
+    ASSERT_TRUE(until([&] { return living() == 0; }));
+  }
+  EXPECT_EQ(calls, "66");
+}
+
+// A socket whose other side is gone is writable.
+TEST_F(EndingTest, WhoOnlyWaitsToWriteIsToldThatTheOtherSideWent) {
+  for (const bool halfFirst : {false, true}) {
+    ZelPeer* peer = makePeer(&other_);
+    onClose(peer);
+    probe_.on(peer, PEER_EVENT_WRITABLE, [](ZelPeer*) { return true; });
+    settle();
+    if (halfFirst) {
+      shutdown(other_.get(), SHUT_WR);
+      settle();
+      EXPECT_EQ(living(), 1u) << "half a close means nothing";
+    }
+    other_.reset();
+    for (int turn = 0; turn < 100 && living() > 0; ++turn) zel_loop_turn(0);
+    EXPECT_EQ(living(), 0u);
+  }
+  EXPECT_EQ(calls, "66");
+}
+
+TEST_F(EndingTest, HalfACloseDoesNotWakeWhoWaitsForAFullSocket) {
+  ZelPeer* peer = makePeer(&other_);
+  const std::string sent = pattern(1 << 20);
+  fwrite(sent.data(), 1, sent.size(), peer_outStream(peer, PEER_STREAM_BUFFERED));
+  settle();
+  shutdown(other_.get(), SHUT_WR);
+  settle();
+  EXPECT_EQ(living(), 1u);
+  zel_loop_turn(0);
+  pollfd loop = {zel_loop_descriptor(), POLLIN, 0};
+  EXPECT_EQ(poll(&loop, 1, 0), 0) << "the loop would never sleep";
+}
+
 TEST_F(EndingTest, WritingToAnOtherSideThatWentEndsThePeerAlthoughSomethingIsUnread) {
   ZelPeer* peer = makePeer(&other_);
   onClose(peer);
@@ -547,6 +595,92 @@ TEST_F(EndingTest, ASlowReaderIsNotGivenUp) {
   EXPECT_TRUE(got == sent + "<end>");
 }
 
+// The system calls a socket writable only when much of its room is free again.
+TEST_F(EndingTest, AReaderThatNeverStopsIsNotGivenUp) {
+  const std::string sent = pattern(1 << 20);
+  for (const bool tcp : {false, true}) {
+    ZelPeer* peer = tcp ? makeTcpPeer(&other_) : makePeer(&other_);
+    const int small = 65536;
+    if (tcp) setsockopt(other_.get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+    zel_loop_turn(0);
+    fwrite(sent.data(), 1, sent.size(), peer_outStream(peer, PEER_STREAM_BUFFERED));
+    peer_destroy(peer);
+    std::string got;
+    for (int i = 0; i < 200 && got.size() <= sent.size(); ++i) {
+      settle();
+      letTimePass(500);
+      got += received(other_, 30000);
+    }
+    EXPECT_TRUE(got == sent + "<end>") << (tcp ? "TCP " : "local ") << got.size();
+  }
+}
+
+TEST_F(EndingTest, AReaderIsAskedBeforeItIsGivenUp) {
+  ZelPeer* peer = makePeer(&other_);
+  const std::string sent = pattern(1 << 20);
+  fwrite(sent.data(), 1, sent.size(), peer_outStream(peer, PEER_STREAM_BUFFERED));
+  peer_destroy(peer);
+  settle();
+  std::string got = received(other_);
+  letTimePass(2100);  // the loop was held up
+  ASSERT_TRUE(until([&] {
+    got += received(other_);
+    return got.size() > sent.size();
+  }));
+  EXPECT_TRUE(got == sent + "<end>");
+}
+
+TEST_F(EndingTest, AHeldUpLoopDoesNotResetTheReplyAway) {
+  ZelPeer* peer = makeTcpPeer(&other_);
+  const int room = 1 << 20;
+  const int small = 65536;
+  ASSERT_EQ(setsockopt(peer_socket(peer), SOL_SOCKET, SO_SNDBUF, &room, sizeof(room)), 0);
+  ASSERT_EQ(setsockopt(other_.get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof(small)), 0);
+  const std::string reply = pattern(400000);
+  fwrite(reply.data(), 1, reply.size(), peer_outStream(peer, PEER_STREAM_BUFFERED));
+  ASSERT_TRUE(until([&] { return peer_bytesQueued(peer) == 0; }));
+  peer_destroy(peer);
+  settle();
+  sendText(other_, "even more");
+  letTimePass(2100);
+  settle();
+  std::string got;
+  ASSERT_TRUE(until([&] {
+    got += received(other_);
+    return got.size() > reply.size() || got.find("<reset>") != std::string::npos;
+  }));
+  EXPECT_TRUE(got == reply + "<end>");
+}
+
+TEST_F(EndingTest, WhoSendsEverythingBeforeReadingGetsItsReply) {
+  ZelPeer* peer = makePeer(&other_);
+  const std::string reply = pattern(1 << 20);
+  probe_.on(peer, PEER_EVENT_DATA, [&](ZelPeer* one) {
+    fgetc(peer_inStream(one));
+    fwrite(reply.data(), 1, reply.size(), peer_outStream(one, PEER_STREAM_BUFFERED));
+    peer_destroy(one);
+    return true;
+  });
+  const std::string request = pattern(250000);
+  size_t sent = 0;
+  ASSERT_TRUE(until([&] {
+    const ssize_t count = send(other_.get(), request.data() + sent, request.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (count > 0) sent += static_cast<size_t>(count);
+    return sent == request.size() || (count < 0 && errno != EAGAIN);
+  }));
+  ASSERT_EQ(sent, request.size());
+  shutdown(other_.get(), SHUT_WR);
+  settle();
+  pollfd loop = {zel_loop_descriptor(), POLLIN, 0};
+  EXPECT_EQ(poll(&loop, 1, 0), 0) << "the loop would never sleep";
+  std::string got;
+  ASSERT_TRUE(until([&] {
+    got += received(other_);
+    return got.size() > reply.size();
+  }));
+  EXPECT_TRUE(got == reply + "<end>");
+}
+
 TEST_F(EndingTest, EachThatLingersHasItsTime) {
   std::array<Descriptor, 3> others;
   zel_loop_turn(0);
@@ -624,6 +758,52 @@ TEST_F(EndingTest, AConnectionIsDestroyedOnce) {
   }
   connection_destroy(std::exchange(connection_, nullptr));
   EXPECT_EQ(calls, "dd");
+}
+
+TEST_F(EndingTest, ACloseHandlerMayNotRunTheLoop) {
+  for (const bool closing : {false, true}) {
+    ZelPeer* peer = makePeer(&other_);
+    zel_loop_turn(0);
+    FILE* out = peer_outStream(peer, PEER_STREAM_BUFFERED);
+    probe_.on(peer, PEER_EVENT_CLOSE, [&](ZelPeer*) {
+      zel_error = 0;
+      EXPECT_FALSE(zel_loop_turn(0));
+      EXPECT_EQ(zel_error, static_cast<uint32_t>(EBUSY));
+      zel_error = 0;
+      EXPECT_EQ(zel_loop_run(), -1);
+      EXPECT_EQ(zel_error, static_cast<uint32_t>(EBUSY));
+      zel_loop_drain(100);
+      zel_loop_close();
+      EXPECT_GT(fputs("still there", out), 0);
+      return true;
+    });
+    if (closing)
+      zel_loop_close();
+    else
+      peer_close(peer);
+    EXPECT_EQ(received(other_), "still there<end>");
+  }
+  EXPECT_EQ(probe_.count(PEER_EVENT_CLOSE), 2u);
+  EXPECT_FALSE(zel_loop_turn(0));
+  EXPECT_EQ(zel_loop_run(), 0) << "and it runs again";
+}
+
+TEST_F(EndingTest, AConnectionThatIsDestroyedTakesNoMorePeers) {
+  const auto connectAgain = [this] { return connection_connectToTCP(connection_, "127.0.0.1", "1", 0); };
+  int attempts = 0;
+  probe_.on(connectAgain(), PEER_EVENT_CLOSE, [&](ZelPeer*) {
+    zel_error = 0;
+    ZelPeer* again = ++attempts < 5 ? connectAgain() : nullptr;
+    EXPECT_EQ(again, nullptr);
+    EXPECT_EQ(zel_error, static_cast<uint32_t>(ECANCELED));
+    EXPECT_EQ(connection_listenOnTCP(connection_, "127.0.0.1", "0"), nullptr);
+    EXPECT_EQ(connection_adopt(connection_, 0), nullptr);
+    if (again) probe_.on(again, PEER_EVENT_CLOSE, [&](ZelPeer*) { return ++attempts > 0; });
+    return true;
+  });
+  connection_destroy(connection_);
+  connection_ = nullptr;
+  EXPECT_EQ(attempts, 1);
 }
 
 TEST_F(EndingTest, ClosingTheLoopEndsEveryPeerAndItCanStartAgain) {

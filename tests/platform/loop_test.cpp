@@ -143,7 +143,7 @@ TEST_F(LoopOnlyTest, SitsInsideAnApplicationsOwnLoop) {
 
   zel_timer_start(timer, 5);
   EXPECT_GT(zel_loop_timeout(), 0);
-  EXPECT_LE(zel_loop_timeout(), 5);
+  EXPECT_LE(zel_loop_timeout(), 7);
   for (int i = 0; i < 10 && !rang; ++i) step();
   EXPECT_TRUE(rang);
   EXPECT_LE(sleeps, 12u);
@@ -158,13 +158,33 @@ TEST_F(LoopOnlyTest, AnApplicationsOwnLoopSeesLingeringThrough) {
   peer_destroy(peer);
   for (int i = 0; i < 5 && zel_loop_timeout() == 0; ++i) zel_loop_turn(0);
   EXPECT_GT(zel_loop_timeout(), 0);
-  EXPECT_LE(zel_loop_timeout(), 2000);
+  EXPECT_LE(zel_loop_timeout(), 2002);
   EXPECT_EQ(openDescriptors().size(), open);
   shutdown(other_.get(), SHUT_WR);
   pollfd loop = {zel_loop_descriptor(), POLLIN, 0};
   EXPECT_EQ(poll(&loop, 1, 10000), 1);
   zel_loop_turn(0);
   EXPECT_EQ(openDescriptors().size(), open - 1);
+}
+
+TEST_F(LoopOnlyTest, AnApplicationsOwnLoopDoesNotSleepPastTheLastOutput) {
+  ZelPeer* peer = makePeer(&other_);
+  const std::string sent = pattern(1 << 20);
+  probe_.on(peer, PEER_EVENT_DATA, [&](ZelPeer* one) {
+    fwrite(sent.data(), 1, sent.size(), peer_outStream(one, PEER_STREAM_BUFFERED));
+    peer_destroy(one);
+    return true;
+  });
+  settle();
+  sendText(other_, "x");
+  std::string got;
+  for (int step = 0; step < 1000 && got.size() <= sent.size(); ++step) {
+    pollfd loop = {zel_loop_descriptor(), POLLIN, 0};
+    ASSERT_TRUE(zel_loop_timeout() == 0 || poll(&loop, 1, 0) == 1) << "it would sleep after " << got.size();
+    zel_loop_turn(0);
+    got += received(other_);
+  }
+  EXPECT_TRUE(got == sent + "<end>");
 }
 
 TEST_F(LoopOnlyTest, WithoutALoopThereIsNothingToWaitFor) {
@@ -221,6 +241,12 @@ TEST_F(LoopOnlyTest, BrokenPipesKillNobody) {
   fputs("x", peer_outStream(peer, PEER_STREAM_BUFFERED));
   ASSERT_TRUE(until([&] { return probe_.count(PEER_EVENT_CLOSE) == 1; }));
   raise(SIGPIPE);
+  ASSERT_TRUE(zel_loop_onSignal(
+      SIGPIPE, [](int, void*) {}, nullptr));
+  ASSERT_TRUE(zel_loop_onSignal(SIGPIPE, nullptr, nullptr));
+  struct sigaction action;
+  sigaction(SIGPIPE, nullptr, &action);
+  EXPECT_EQ(action.sa_handler, SIG_IGN) << "after a handler of it, too";
 }
 
 TEST_F(LoopOnlyTest, AHandlerOfSigpipeStays) {

@@ -131,8 +131,10 @@ TEST_F(StreamTest, PeekLooksAtTheStreamFirst) {
 
 TEST_F(StreamTest, PeekRefusesWhatCannotBeRead) {
   ZelPeer* peer = makePeer(&other_);
+  zel_error = 0;
   EXPECT_EQ(peek(peer, 0), "<error>");
   EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(zel_error, static_cast<uint32_t>(EINVAL));
   EXPECT_EQ(peek(nullptr, 1), "<error>");
   peer_close(peer);
   EXPECT_EQ(peek(peer, 1), "<error>");

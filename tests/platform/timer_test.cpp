@@ -155,7 +155,80 @@ TEST_F(TimerTest, TimeCountsFromTheCall) {
   zel_timer_start(timer, 100000);
   const int left = zel_loop_timeout();
   EXPECT_GE(left, 100000 - (now() - before) - 10) << "give or take a tick of the clock";
-  EXPECT_LE(left, 100000);
+  EXPECT_LE(left, 100002);
+  zel_timer_destroy(timer);
+}
+
+TEST_F(TimerTest, NeverFiresBeforeItsTime) {
+  const auto now = [] {
+    timespec time;
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return time.tv_sec * 1000000000L + time.tv_nsec;
+  };
+  Handler handler = [&](ZelTimer*) { ++fired_; };
+  ZelTimer* timer = make(&handler);
+  for (int round = 0; round < 40; ++round) {
+    usleep(300);  // somewhere within a millisecond
+    fired_ = 0;
+    const long before = now();
+    zel_timer_start(timer, 2);
+    while (fired_ == 0) zel_loop_turn(0);
+    EXPECT_GE(now() - before, 2000000);
+  }
+  zel_timer_destroy(timer);
+}
+
+TEST_F(TimerTest, HandlersThatTakeLongerThanTheirTimeDoNotHoldTheTurn) {
+  ZelPeer* peer = makePeer(&other_);
+  Probe probe;
+  probe.on(peer, PEER_EVENT_DATA, [&](ZelPeer*) {
+    zel_loop_stop();
+    return true;
+  });
+  zel_loop_turn(0);
+  Handler handler = [&](ZelTimer* timer) {
+    letTimePass(2);
+    if (++fired_ >= 1000) return;
+    zel_timer_start(timer, 1);
+    zel_loop_timeout();
+  };
+  ZelTimer* timers[] = {make(&handler), make(&handler)};
+  for (ZelTimer* timer : timers) zel_timer_start(timer, 1);
+  letTimePass(5);
+  sendText(other_, "x");
+  zel_loop_run();
+  EXPECT_LT(fired_, 20);
+  for (ZelTimer* timer : timers) zel_timer_destroy(timer);
+}
+
+TEST_F(TimerTest, PeersEndedInATurnStayValidForItsLastTimers) {
+  ZelPeer* peer = makePeer(&other_);
+  zel_loop_turn(0);
+  FILE* out = peer_outStream(peer, PEER_STREAM_BUFFERED);
+  int turn = 0;
+  int endedIn = 0;
+  Probe probe;
+  probe.on(peer, PEER_EVENT_DATA, [&](ZelPeer* one) {
+    endedIn = turn;
+    peer_destroy(one);
+    letTimePass(20000);
+    return true;
+  });
+  Handler handler = [&](ZelTimer*) {
+    EXPECT_EQ(turn, endedIn);
+    errno = 0;
+    EXPECT_EQ(fputs("x", out), EOF);
+    EXPECT_EQ(errno, EPIPE);
+    ++fired_;
+  };
+  ZelTimer* timer = make(&handler);
+  zel_timer_start(timer, 10000);
+  sendText(other_, "x");
+  while (fired_ == 0 && turn < 100) {
+    ++turn;
+    zel_loop_turn(-1);
+  }
+  EXPECT_EQ(fired_, 1);
   zel_timer_destroy(timer);
 }
 

@@ -176,6 +176,57 @@ TEST_F(TransportTest, BytesThatTheTransportHoldsWaitForAHandler) {
   EXPECT_EQ(got, "from the handshake");
 }
 
+TEST_F(TransportTest, BytesThatAHandlerLeavesWithTheTransportAreOfferedAgain) {
+  ZelPeer* peer = makePeer(&other_);
+  peer_setTransport(peer, &kStutter);
+  std::string got;
+  probe_.on(peer, PEER_EVENT_DATA, [&](ZelPeer* one) {
+    if (probe_.count(PEER_EVENT_DATA) > 50) got += readAll(peer_inStream(one));
+    return true;
+  });
+  sendText(other_, "later");
+  ASSERT_TRUE(until([&] { return !got.empty(); }));
+  EXPECT_EQ(got, "later");
+}
+
+TEST_F(TransportTest, WhatTheTransportHoldsOutlastsTheTurn) {
+  ZelPeer* peer = makePeer(&other_);
+  peer_setTransport(peer, &kStutter);
+  stutter.readPiece = 3;
+  std::string got;
+  bool ended = false;
+  probe_.on(peer, PEER_EVENT_DATA, [&](ZelPeer* one) {
+    FILE* in = peer_inStream(one);
+    char text[3];
+    got.append(text, fread(text, 1, sizeof(text), in));
+    ended = feof(in);
+    return !ended;
+  });
+  zel_loop_turn(0);
+  const std::string sent = pattern(300);
+  sendText(other_, sent);
+  stutter.atEnd = true;
+  ASSERT_TRUE(until([&] { return ended; })) << got.size();
+  EXPECT_TRUE(got == sent);
+  EXPECT_EQ(probe_.count(PEER_EVENT_DATA), 101u);
+}
+
+TEST_F(TransportTest, WhatIsReadFromElsewhereLeavesTheRestToTheHandler) {
+  ZelPeer* peer = makePeer(&other_);
+  peer_setTransport(peer, &kStutter);
+  stutter.readPiece = 1;
+  std::string got;
+  probe_.on(peer, PEER_EVENT_DATA, [&](ZelPeer* one) {
+    got += readAll(peer_inStream(one));
+    return true;
+  });
+  settle();
+  sendText(other_, "first");
+  EXPECT_EQ(fgetc(peer_inStream(peer)), 'f');
+  ASSERT_TRUE(until([&] { return !got.empty(); }));
+  EXPECT_EQ(got, "irst");
+}
+
 TEST_F(TransportTest, TheEndThatOnlyTheTransportSawIsToldAgain) {
   ZelPeer* peer = makePeer(&other_);
   peer_setTransport(peer, &kStutter);

@@ -14,7 +14,8 @@ extern "C" {
 /** A new connection without peers, or NULL with zel_error. Owned by the caller. */
 ZEL_API ZelConnection *connection_create(void);
 
-/** Ends every peer of the connection (their close handlers run) and frees it. NULL is allowed. */
+/** Ends every peer of the connection (their close handlers run, and cannot make others in it) and frees it. NULL is
+ * allowed. */
 ZEL_API void connection_destroy(ZelConnection *connection);
 
 /** The peers that have not ended, in order of their making; items are ZelPeer. Owned by the connection. */

@@ -19,7 +19,7 @@ extern "C" {
 typedef void (*ZelSignalHandler)(int signal, void *userData);
 
 /** Runs turns until zel_loop_stop(), or until nothing is left that could ever raise an event. Turns do not nest.
- * @return 0, or -1 with zel_error when the loop cannot be set up or a turn is running */
+ * @return 0, or -1 with zel_error when the loop cannot be set up, and EBUSY inside a turn and inside close handlers */
 ZEL_API int zel_loop_run(void);
 
 /** Makes the running zel_loop_run() return at the end of the turn, without waiting for another event. Callable from
@@ -45,13 +45,14 @@ ZEL_API int zel_loop_timeout(void);
  */
 ZEL_API void zel_loop_drain(unsigned milliseconds);
 
-/** Calls @p handler for @p signal from now on; NULL restores the system's default. @return false with zel_error */
+/** Calls @p handler for @p signal from now on; NULL restores the system's default, and for SIGPIPE ignores it again.
+ * @return false with zel_error */
 ZEL_API bool zel_loop_onSignal(int signal, ZelSignalHandler handler, void *userData);
 
 /**
  * Ends every peer (close handlers run), frees timers' loop resources and the loop itself; waits for names that are
  * being looked up. Nothing new can be made meanwhile; afterwards everything can be used again. Does nothing inside a
- * turn.
+ * turn and inside close handlers.
  */
 ZEL_API void zel_loop_close(void);
 
