@@ -28,6 +28,7 @@ int type = -1; /**< of the output; -1: standard error, not looked at yet */
 KroTraceFunction function;
 void* functionData;
 bool inFunction;
+bool cut; /**< the end of the last line was not taken: it is ended before the next one */
 char* syslogName;
 Zone* zones;
 
@@ -79,14 +80,22 @@ int priority(int level) {
   return level < KROTRACE_INFO ? LOG_NOTICE : LOG_INFO;
 }
 
-void writeAll(const char* data, size_t length) {
-  while (length > 0) {
-    const ssize_t written = write(descriptor, data, length);
+/** @return how much was taken: a pipe that was made non-blocking may be full */
+size_t writeAll(const char* data, size_t length) {
+  size_t done = 0;
+  while (done < length) {
+    const ssize_t written = write(descriptor, data + done, length - done);
     if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return;
-    data += written;
-    length -= static_cast<size_t>(written);
+    if (written <= 0) break;
+    done += static_cast<size_t>(written);
   }
+  return done;
+}
+
+void writeLine(const char* line, size_t length) {
+  if (cut && writeAll("\n", 1) == 0) return;
+  const size_t done = writeAll(line, length);
+  cut = done > 0 && done < length;
 }
 
 /** @p line has room for a line end in place of its NUL. */
@@ -94,7 +103,7 @@ void emit(int level, char* line, size_t length) {
   switch (output) {
     case Output::Descriptor:
       line[length] = '\n';
-      return writeAll(line, length + 1);
+      return writeLine(line, length + 1);
     case Output::Syslog:
       return syslog(priority(level), "%s", line);
     case Output::Function:
@@ -173,6 +182,7 @@ void setOutput(Output wanted, int newDescriptor, int newType) {
   syslogName = nullptr;
   output = wanted;
   descriptor = newDescriptor;
+  cut = false;
   type = newType;
 }
 

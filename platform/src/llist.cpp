@@ -108,11 +108,12 @@ extern "C" void llist_destroy(ZelList* list) {
 }
 
 extern "C" bool llist_append(ZelList* list, void* item) {
-  return list && item && zel::llist_appendSerial(list, item) != 0;
+  if (!list || !item) return zel::fail(EINVAL);
+  return zel::llist_appendSerial(list, item) != 0 || zel::fail(ENOMEM);
 }
 
 extern "C" bool llist_remove(ZelList* list, const void* item) {
-  if (!list || !item) return false;
+  if (!list || !item) return zel::fail(EINVAL);
   for (size_t i = 0; i < list->used; ++i) {
     if (list->entries[i].item != item) continue;
     removeAt(list, i);

@@ -222,6 +222,31 @@ TEST_F(TraceTest, StandardErrorGetsWholeLines) {
   close(ends[1]);
 }
 
+TEST_F(TraceTest, ALineThatWasCutEndsBeforeTheNextOne) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+  const std::string full(static_cast<size_t>(fcntl(ends[1], F_GETPIPE_SZ)) + 10000, 'x');
+  std::string buffer(full.size() * 2, '\0');
+  const auto readAway = [&] {
+    const ssize_t count = read(ends[0], buffer.data(), buffer.size());
+    return buffer.substr(0, count < 0 ? 0 : static_cast<size_t>(count));
+  };
+  {
+    const StderrIs redirected(ends[1]);
+    kroTraceToStderr();
+    kroTrace(KROTRACE_ERROR, "%s", full.c_str());
+    kroTrace(KROTRACE_ERROR, "lost");
+    const std::string cut = readAway();
+    EXPECT_LT(cut.size(), full.size());
+    EXPECT_EQ(cut.find_first_not_of('x'), std::string::npos);
+    kroTrace(KROTRACE_ERROR, "next");
+    kroTrace(KROTRACE_ERROR, "and last");
+    EXPECT_EQ(readAway(), "\nnext\nand last\n");
+  }
+  close(ends[0]);
+  close(ends[1]);
+}
+
 TEST_F(TraceTest, OnlyATerminalIsColoured) {
   const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
   ASSERT_GE(terminal, 0);

@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
+#include <zel/error.h>
 #include <zel/llist.h>
 
 #include <array>
+#include <cerrno>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -45,9 +48,12 @@ TEST_F(ListTest, RemovesOnlyWhatIsInIt) {
 }
 
 TEST_F(ListTest, RefusesNothing) {
-  EXPECT_FALSE(llist_append(list_, nullptr));
-  EXPECT_FALSE(llist_append(nullptr, item('a')));
-  EXPECT_FALSE(llist_remove(nullptr, item('a')));
+  const auto refused = [](bool result) {
+    return !result && std::exchange(zel_error, 0) == static_cast<uint32_t>(EINVAL);
+  };
+  EXPECT_TRUE(refused(llist_append(list_, nullptr)));
+  EXPECT_TRUE(refused(llist_append(nullptr, item('a'))));
+  EXPECT_TRUE(refused(llist_remove(nullptr, item('a'))));
   EXPECT_EQ(llist_count(nullptr), 0u);
   ZelListIterator walk;
   EXPECT_EQ(llist_first(nullptr, &walk), nullptr);

@@ -28,7 +28,7 @@ ZEL_API ZelList *llist_create(void);
 /** Frees the list; the elements belong to the caller. NULL is allowed. */
 ZEL_API void llist_destroy(ZelList *list);
 
-/** Appends @p item (not NULL). @return false when memory is short. A running walk will reach it. */
+/** Appends @p item (not NULL). @return false with zel_error when memory is short. A running walk will reach it. */
 ZEL_API bool llist_append(ZelList *list, void *item);
 
 /** Takes @p item out. @return false when it is not in the list. A running walk will not see it any more. */
