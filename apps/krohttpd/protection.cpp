@@ -1,5 +1,6 @@
 #include "protection.h"
 
+#include <algorithm>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,18 +18,40 @@
 
 namespace {
 
+constexpr std::string_view kIndex = "/index.html";
 std::vector<Protection> protections;
 const Users* users_ = nullptr;
 
-// The protection of @p path, null when anybody may have it. A file has several paths: compressed or not, and that of
-// the directory whose index it is.
-const Protection* protectionOf(std::string_view path) {
-  const std::string name = normalizedPath(path);
-  const std::string index = normalizedPath(name + "/index.html");
-  std::vector<std::string> names = {name, name + ".gz", index, index + ".gz"};
+// How many times "/index.html" may stand in what is protected.
+size_t mostIndexes() {
+  size_t longest = 0;
+  for (const Protection& each : protections) longest = std::max(longest, each.prefix.size());
+  return longest / kIndex.size() + 1;
+}
+
+// The names of the file that may be sent for @p path: as it stands or compressed, or the index of the directory that
+// one of these is, which may be a directory itself.
+std::vector<std::string> namesOf(std::string_view path) {
+  std::vector<std::string> names;
+  for (const std::string_view suffix : {"", ".gz"}) {
+    std::string name = std::string(path).append(suffix);
+    for (size_t indexes = mostIndexes();; --indexes) {
+      names.push_back(normalizedPath(name));
+      if (indexes == 0) break;
+      names.push_back(normalizedPath(std::string(name).append(kIndex)));
+      name.append(kIndex).append(suffix);
+    }
+  }
+  const std::string& name = names.front();
   if (name.ends_with(".gz")) names.push_back(name.substr(0, name.size() - 3));
+  names.push_back(normalizedPath(name + std::string(kIndex) + ".gz"));
+  return names;
+}
+
+// The protection of @p path, null when anybody may have it.
+const Protection* protectionOf(std::string_view path) {
   const Protection* best = nullptr;
-  for (const std::string& each : names) {
+  for (const std::string& each : namesOf(path)) {
     const Protection* const match = longestMatch(protections, each);
     if (match != nullptr && (best == nullptr || match->prefix.size() > best->prefix.size())) best = match;
   }

@@ -452,10 +452,10 @@ const PathCase kPaths[] = {
     {"EscapedDot", "/%2e/private/a.txt", 401},
     {"TrailingDot", "/private/.", 401},
     {"TrailingDots", "/private/././", 401},
-    {"WordBeforeThePath", "x/private/a.txt", 401},
-    {"CutByNul", "/private/a.txt%00x", 401},
-    {"CutByNoNumber", "/private/a.txt%zz", 401},
-    {"CutAfterFolder", "/private%00/x", 401},
+    {"WordBeforeThePath", "x/private/a.txt", 400},
+    {"CutByNul", "/private/a.txt%00x", 400},
+    {"CutByNoNumber", "/private/a.txt%zz", 400},
+    {"CutAfterFolder", "/private%00/x", 400},
     {"Upwards", "/empty/../private/a.txt", 400},
     {"UpwardsEscaped", "/empty/%2e%2e/private/a.txt", 400},
     {"UpwardsEscapedSlash", "/empty/..%2fprivate/a.txt", 400},
@@ -469,6 +469,10 @@ const PathCase kPaths[] = {
     {"IndexByItsFolderWithoutSlash", "/indexed", 401},
     {"Index", "/indexed/index.html", 401},
     {"IndexCompressed", "/indexed/index.html.gz", 401},
+    {"IndexOfACompressedName", "/packed", 401},
+    {"IndexThatIsAFolder", "/nested", 401},
+    {"IndexThatIsAFolderByName", "/nested/index.html", 401},
+    {"NameOfADotCompressed", "/dot/.", 401},
     {"FileByName", "/one.txt", 401},
     {"FileCompressed", "/one.txt.gz", 401},
     {"CompressedByOtherName", "/two.txt", 401},
@@ -488,12 +492,22 @@ class PathTest : public LoginTest, public ::testing::WithParamInterface<PathCase
   void SetUp() override {
     LoginTest::SetUp();
     folder_.file("root/indexed/index.html", "secret");
+    folder_.file("root/packed.gz/index.html.gz", "secret");
+    folder_.file("root/nested/index.html/index.html", "secret");
+    folder_.file("root/dot/..gz", "secret");
     folder_.file("root/one.txt.gz", "secret");
     folder_.file("root/two.txt.gz", "secret");
     back_ = std::make_unique<Daemon>(Arguments{"--listen", "127.0.0.1:0", "--demo"});
-    start({"--protect", "/private/=basic", "--protect", "/status=basic", "--protect", "/indexed/index.html=basic",
-           "--protect", "/one.txt=basic", "--protect", "/two.txt.gz=basic", "--protect", "/back=basic", "--proxy",
-           "/back=tcp:127.0.0.1:" + std::to_string(back_->address().port)});
+    start({"--protect", "/private/=basic",
+           "--protect", "/status=basic",
+           "--protect", "/indexed/index.html=basic",
+           "--protect", "/packed.gz/index.html.gz=basic",
+           "--protect", "/nested/index.html/index.html=basic",
+           "--protect", "/dot/..gz=basic",
+           "--protect", "/one.txt=basic",
+           "--protect", "/two.txt.gz=basic",
+           "--protect", "/back=basic",
+           "--proxy",   "/back=tcp:127.0.0.1:" + std::to_string(back_->address().port)});
   }
   std::unique_ptr<Daemon> back_;
 };
@@ -511,6 +525,13 @@ TEST_P(PathTest, CannotBeGoneAround) {
     }
   }
   EXPECT_EQ(ask(request("GET", GetParam().target)).status(), GetParam().status);
+}
+
+// What a strict daemon refuses is cut short, or skipped, by a lenient one before it looks.
+TEST_F(LoginTest, NorByWhatALenientDaemonTakes) {
+  start({"--protect", "/private/=basic", "--lenient"});
+  for (const char* target : {"x/private/a.txt", "/private/a.txt%00x", "/private/a.txt%zz", "/private%00/x"})
+    EXPECT_EQ(ask(request("GET", target)).status(), 401u) << target;
 }
 
 // With credentials the same paths lead to what is there.
@@ -547,7 +568,7 @@ TEST_F(LoginTest, LongestPrefixOfAllNamesWins) {
 
 TEST_F(LoginTest, EverythingIsProtectedButTheLoginPage) {
   start({"--protect", "/=session"});
-  for (const char* target : {"/", "/hello", "/missing", "//login", "/login/", "/logout/x", "/%00"})
+  for (const char* target : {"/", "/hello", "/missing", "//login", "/login/", "/logout/x", "/%20"})
     EXPECT_EQ(ask(request("GET", target)).status(), 401u) << target;
   EXPECT_EQ(ask(request("GET", "/login")).status(), 200u);
   EXPECT_EQ(ask(request("GET", "/hello", session())).body, "Hello, world!");
