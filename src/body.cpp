@@ -181,6 +181,7 @@ ssize_t body_read_normal(void* cookie, char* buffer, size_t size) {
 ssize_t body_write_normal(void* cookie, const char* buffer, size_t size) {
   auto* const body = static_cast<NormalBody*>(cookie);
   HttpMessage* const message = body->message;
+  ++message->bodyWrites;
   if (message->bodyless) return static_cast<ssize_t>(size);
   // Cut against the whole length, not against what remains of it.
   const size_t amount = body->length != 0 ? std::min<size_t>(size, body->length) : size;
@@ -220,8 +221,10 @@ size_t readAhead(BufferedBody* body) {
   return count;
 }
 
+bool neverWaits(const HttpMessage* message) { return message->inParts || message->neverWaits; }
+
 // Tops the buffer up for a read of @p amount bytes, waiting up to ten times 10 ms for what is on its way. Who takes the
-// body apart as it comes is served with what is there.
+// body apart as it comes, or has others to serve, gets what is there.
 void topUp(BufferedBody* body, uint32_t amount) {
   constexpr int kAttempts = 10;
   constexpr useconds_t kPause = 10000;
@@ -230,7 +233,7 @@ void topUp(BufferedBody* body, uint32_t amount) {
   body->position = 0;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     readAhead(body);
-    if (errno != EAGAIN || body->fill >= amount || body->message->inParts) break;
+    if (errno != EAGAIN || body->fill >= amount || neverWaits(body->message)) break;
     usleep(kPause);
     errno = EAGAIN;
   }
@@ -239,8 +242,8 @@ void topUp(BufferedBody* body, uint32_t amount) {
 ssize_t nothingBuffered(BufferedBody* body) {
   HttpMessage* const message = body->message;
   const int error = errno;
-  // Who takes the body apart as it comes runs dry each time.
-  if (!message->inParts || error != EAGAIN) TRACE_ERROR("Read length is zero.");
+  // Who does not wait runs dry each time.
+  if (!neverWaits(message) || error != EAGAIN) TRACE_ERROR("Read length is zero.");
   errno = error;
   if (!feof_unlocked(body->parent)) {
     msg_checkNeedMoreData(message, error);
@@ -474,6 +477,7 @@ ssize_t body_read_chunked(void* cookie, char* buffer, size_t size) {
 ssize_t body_write_chunked(void* cookie, const char* buffer, size_t size) {
   auto* const body = static_cast<ChunkedBody*>(cookie);
   HttpMessage* const message = body->message;
+  ++message->bodyWrites;
   if (message->bodyless) return static_cast<ssize_t>(size);
   if (size == 0) return 0;  // a chunk of no bytes would be the last one
 

@@ -1038,6 +1038,9 @@ int http_msgDone(HttpMessage* message) {
     TRACE_ERROR("unable to send message: %m");
     return fail(message);
   }
+  const bool isAnnounced = message->bodyType != HTTP_BODY_NONE && message->bodyType != HTTP_BODY_UNTIL_CLOSE;
+  const bool isUnread = message->mode == HTTP_MSG_READING && message->state == HTTP_MSG_BODY;
+  if (isUnread && isAnnounced && message->body == nullptr) message->bodyCut = 1;
   if (message->body != nullptr && message->state == HTTP_MSG_BODY) closeBody(message);
   if (message->stream != nullptr && writing && fflush_unlocked(message->stream) != 0) {
     TRACE_ERROR("unable to send request: %m");
@@ -1062,7 +1065,7 @@ HttpMessage* http_msgReset(HttpMessage* message) {
   message->inParts = 0;
   message->bodyAhead = 0;
   message->headerCount = 0;
-  message->last = 0;
+  if (message->ownerType != HTTP_MSG_OWNED_BY_SERVER) message->last = 0;  // or the connection would go on after all
   message->bodyCount = 0;
   message->authorityStart = message->authorityLength = 0;
   return message;

@@ -544,6 +544,12 @@ int http_proxyForwardRequest(HttpProxy* proxy, HttpRequest* request, HttpReply* 
     TRACE_ERROR("server is exiting");
     return -1;
   }
+  if (srv_isBodyTooLong(&request->message)) {
+    TRACE_ERROR("body is longer than allowed");
+    fail(proxy);
+    errno = EFBIG;
+    return -1;
+  }
   if (makeMessages(proxy) == 0 && startClient(proxy) == 0 && sendHead(proxy) == 0) {
     proxy->exchange->following = srv_follow(reply, proxy->exchange);
     headForwarded(proxy);

@@ -246,7 +246,7 @@ int srv_handleReadHeader(Connection* connection, ZelPeer* peer) {
     const int result =
         connection->server->requestHandler != nullptr ? connection->server->requestHandler(request, reply) : -1;
     if (watch.gone()) return kHandled;
-    if (result < 0 || !srv_checkBody(connection)) return kDrop;
+    if (!srv_checkBody(connection) || result < 0) return kDrop;
   }
   if (request->message.state == HTTP_MSG_DONE) switchTo(connection, HTTP_SERVER_REQUEST_RECEIVED);
   return kGoOn;
@@ -658,7 +658,7 @@ bool expectsContinue(HttpRequest* request, const HttpReply* reply) {
   const char* const expectation = msg_headerText(&request->message, HTTP_HEADER_EXPECT);
   return expectation != nullptr && strcasecmp(expectation, "100-continue") == 0 && request->message.versionMinor > 0 &&
          request->message.state == HTTP_MSG_BODY && reply->message.state < HTTP_MSG_BODY &&
-         !isLongerThanAllowed(&request->message);
+         !srv_isBodyTooLong(&request->message);
 }
 
 }  // namespace

@@ -8,19 +8,30 @@
 
 #include "server_internal.h"
 
-// What a connection is doing, for whoever looks at the time.
-struct ConnectionClock {
+// How a body, or what is sent, gets on, looked at once a second.
+struct Progress {
   static constexpr uint32_t kParts = 10;  // of the time over which a rate is measured
 
-  int phase = 0;
-  uint32_t request = 0;         // which one of the connection
-  uint32_t seconds = 0;         // in this phase
+  bool runs = false;
   uint32_t still = 0;           // seconds without progress
-  uint64_t position = 0;        // how far the body or the reply is
+  uint64_t position = 0;        // bytes read, or taken by the client
   uint32_t moved[kParts] = {};  // bytes in each of the last parts, in a ring
   uint32_t part = 0;            // the one under way
   uint32_t partSeconds = 0;     // of it
   uint32_t partsDone = 0;
+};
+
+// What a connection is doing, for whoever looks at the time.
+struct ConnectionClock {
+  int phase = 0;
+  uint32_t request = 0;  // which one of the connection
+  uint32_t seconds = 0;  // in this phase
+  Progress body;
+
+  // Whatever the phase, and across the replies of a connection.
+  Progress output;
+  uint64_t left = 0;     // of the output at the last look
+  uint64_t written = 0;  // a mark of what was added to it
 };
 
 // A connection with what only the server needs to know.
@@ -126,9 +137,6 @@ void srv_limitRequest(Connection* connection);
 
 // Whether @p server takes one more connection; one that it does not take is told so.
 bool srv_admit(HttpServer* server, ZelPeer* peer);
-
-// The announced length is more than the request may have.
-bool isLongerThanAllowed(const HttpMessage* request);
 
 // The head of a request is complete: the limits that show only then. False when it was refused.
 bool srv_checkBody(Connection* connection);

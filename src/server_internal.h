@@ -21,5 +21,8 @@ void srv_tellDrained(HttpReply* reply);
 // What is written of @p reply from now on leaves at once, for a slow source or an impatient reader.
 void srv_uncork(HttpReply* reply);
 
+// The announced length is more than the request may have.
+bool srv_isBodyTooLong(const HttpMessage* request);
+
 // Ends the connection of an incomplete @p reply, so that its reader can tell.
 void srv_cut(HttpReply* reply);

@@ -2,6 +2,8 @@
 #include <krohttp/server.h>
 
 #include <linux/sockios.h>
+#include <linux/tcp.h>
+#include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -9,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
@@ -64,7 +67,8 @@ constexpr Refusal kRefusals[] = {{"none", 0},
                                  {"repeated-host", 400},
                                  {"other-host", 400},
                                  {"other-version", 505},
-                                 {"method-no-token", 400}};
+                                 {"method-no-token", 400},
+                                 {"host", 400}};
 static_assert(std::size(kRefusals) == HTTP_MSG_REFUSALS);
 
 // RFC 9110 section 15 and RFC 6585 section 5; the standard phrases of the library are older.
@@ -117,101 +121,134 @@ void answer(HttpReply* reply, unsigned code) {
 
 enum Phase : int { kIdle = 1, kHead, kBody, kReply, kPaused, kApplication };
 
-// What the kernel still holds because the client has not taken it.
-uint64_t unacknowledged(const ZelPeer* peer) {
-  int bytes = 0;
-  return ioctl(peer_socket(peer), SIOCOUTQ, &bytes) == 0 && bytes > 0 ? static_cast<uint64_t>(bytes) : 0;
-}
-
-// What the client still has to take. Of a descriptor without an end nobody knows: it counts down from far away, as long
-// as there is something to send.
-uint64_t leftOfReply(const Connection* connection) {
-  constexpr uint64_t kFarAway = UINT64_MAX / 2;
-  const ZelPeer* const peer = connection->reply.message.peer;
-  const uint64_t queued = peer_bytesQueued(peer) + unacknowledged(peer);
-  if (connection->staticFd < 0) return queued;
-  if (connection->sendsFile) return queued + connection->staticRemaining;
-  return srv_isSourceEmpty(connection) ? queued : kFarAway - connection->staticSent;
-}
-
 // The client has sent what its request's handler does not take.
 bool awaitsApplication(Connection* connection) {
   char next = 0;
   return heldOfBody(connection->request.message) > 0 || peer_peek(peerOf(connection), &next, 1) > 0;
 }
 
-// What a connection is doing, and how far it is with that.
-struct Look {
-  Phase phase;
-  uint64_t position;  // of a body read, or left of a reply; 0 in the other phases
-};
-
-Look lookAtReply(const Connection* connection, Phase otherwise) {
-  const uint64_t left = leftOfReply(connection);
-  return left > 0 ? Look{kReply, left} : Look{otherwise, 0};
-}
-
-Look lookAt(Connection* connection) {
+// What a connection is doing, but for its output, which has a clock of its own.
+Phase phaseOf(Connection* connection, bool hasOutput) {
   const HttpMessage& request = connection->request.message;
   const bool isPaused = request.paused != HTTP_MSG_RUNNING;
-  if (connection->state <= HTTP_SERVER_ACCEPTED) {
-    if (request.fill > 0) return {kHead, 0};
-    // Nothing has been written since.
-    const bool wasIdle = connection->clock.phase == kIdle && connection->clock.request == connection->requests;
-    return wasIdle ? Look{kIdle, 0} : lookAtReply(connection, kIdle);
-  }
+  if (connection->state <= HTTP_SERVER_ACCEPTED) return request.fill > 0 ? kHead : hasOutput ? kReply : kIdle;
   if (connection->state == HTTP_SERVER_RECEIVING_REQUEST) {
-    if (request.state < HTTP_MSG_BODY) return {kHead, 0};
-    if (request.state == HTTP_MSG_BODY && !isPaused)
-      return awaitsApplication(connection) ? Look{kApplication, 0} : Look{kBody, request.bodyCount};
+    if (request.state < HTTP_MSG_BODY) return kHead;
+    if (request.state == HTTP_MSG_BODY && !isPaused) return awaitsApplication(connection) ? kApplication : kBody;
   }
   // A request that is paused until its reply has been taken waits for the client.
-  return lookAtReply(connection, connection->state < HTTP_SERVER_SENDING_REPLY && isPaused ? kPaused : kApplication);
+  return connection->state < HTTP_SERVER_SENDING_REPLY && isPaused && !hasOutput ? kPaused : kApplication;
 }
 
-void addMoved(ConnectionClock* clock, uint64_t bytes) {
-  uint32_t* const moved = &clock->moved[clock->part];
-  *moved = static_cast<uint32_t>(std::min<uint64_t>(*moved + bytes, UINT32_MAX));
+void keptUp(Progress* progress, uint64_t position) {
+  *progress = {};
+  progress->runs = true;
+  progress->position = position;
 }
 
 // Measures what the last second has moved.
-void measure(Connection* connection, const Look& look) {
+void measure(Progress* progress, uint64_t position, uint64_t bytes) {
+  progress->still = bytes == 0 ? progress->still + 1 : 0;
+  uint32_t* const moved = &progress->moved[progress->part];
+  *moved = static_cast<uint32_t>(std::min<uint64_t>(*moved + bytes, UINT32_MAX));
+  progress->position = position;
+}
+
+// --- what is sent ---
+
+// What the kernel still holds because the client has not taken it.
+uint64_t unacknowledged(const ZelPeer* peer) {
+  int bytes = 0;
+  return ioctl(peer_socket(peer), SIOCOUTQ, &bytes) == 0 && bytes > 0 ? static_cast<uint64_t>(bytes) : 0;
+}
+
+// What the client still has to take. A descriptor without an end has more than anybody takes, as long as it has any.
+uint64_t leftOfOutput(const Connection* connection) {
+  constexpr uint64_t kEndless = UINT64_MAX / 2;
+  const ZelPeer* const peer = connection->reply.message.peer;
+  const uint64_t queued = peer_bytesQueued(peer) + unacknowledged(peer);
+  if (connection->staticFd < 0) return queued;
+  return queued + (connection->sendsFile ? connection->staticRemaining : srv_isSourceEmpty(connection) ? 0 : kEndless);
+}
+
+// How much the client's system has acknowledged since the connection began. False where nobody knows: over a Unix
+// socket, or on an old kernel.
+bool acknowledged(const ZelPeer* peer, uint64_t* bytes) {
+  tcp_info info{};
+  socklen_t length = sizeof info;
+  constexpr socklen_t kNeeded = offsetof(tcp_info, tcpi_bytes_acked) + sizeof info.tcpi_bytes_acked;
+  if (getsockopt(peer_socket(peer), IPPROTO_TCP, TCP_INFO, &info, &length) < 0 || length < kNeeded) return false;
+  *bytes = info.tcpi_bytes_acked;
+  return true;
+}
+
+// Looks at how the client takes what is sent to it. Who has taken all that was there a second ago keeps up, however
+// little that was: the rest is the application's pace.
+void lookAtOutput(Connection* connection, uint64_t left) {
   ConnectionClock* const clock = &connection->clock;
-  if (clock->phase != look.phase || clock->request != connection->requests) {
-    *clock = {};
-    clock->phase = look.phase;
+  Progress* const output = &clock->output;
+  if (left == 0) {
+    output->runs = false;
+    return;
+  }
+  uint64_t taken = 0;
+  const bool counted = acknowledged(peerOf(connection), &taken);
+  const uint64_t written = connection->staticSent + connection->reply.message.bodyWrites;
+  if (!output->runs) {
+    keptUp(output, taken);
+  } else if (counted) {
+    if (taken - output->position >= clock->left)
+      keptUp(output, taken);
+    else
+      measure(output, taken, taken - output->position);
+  } else if (left > clock->left || (left == clock->left && written != clock->written)) {
+    keptUp(output, taken);  // what was added hides what has been taken
+  } else {
+    measure(output, taken, clock->left - left);
+  }
+  clock->left = left;
+  clock->written = written;
+}
+
+// --- what is overdue ---
+
+void lookAtRequest(Connection* connection, Phase phase) {
+  ConnectionClock* const clock = &connection->clock;
+  const uint64_t position = connection->request.message.bodyCount;
+  if (clock->phase != phase || clock->request != connection->requests) {
+    clock->phase = phase;
     clock->request = connection->requests;
-    clock->position = look.position;
+    clock->seconds = 0;
+    keptUp(&clock->body, position);
     return;
   }
   ++clock->seconds;
-  clock->still = look.position == clock->position ? clock->still + 1 : 0;
-  if (look.phase == kBody)
-    addMoved(clock, look.position - clock->position);
-  else  // what was added to a reply meanwhile hides what has left
-    addMoved(clock, look.position > clock->position ? UINT32_MAX : clock->position - look.position);
-  clock->position = look.position;
+  measure(&clock->body, position, position - clock->body.position);
 }
 
 bool isReached(uint32_t seconds, uint32_t limit) { return limit != 0 && seconds >= limit; }
 
 // Looks at the last rateSeconds whenever a part of them, a second at least, is over. The first ones are free.
-bool isTooSlow(ConnectionClock* clock, const HttpServerLimits& limits) {
+bool isTooSlow(Progress* progress, const HttpServerLimits& limits) {
   if (limits.minimumRate == 0 || limits.rateSeconds == 0) return false;
-  const uint32_t parts = std::min(limits.rateSeconds, ConnectionClock::kParts);
+  const uint32_t parts = std::min(limits.rateSeconds, Progress::kParts);
   const uint32_t secondsOfPart = (limits.rateSeconds + parts - 1) / parts;
-  if (++clock->partSeconds < secondsOfPart) return false;
-  clock->partSeconds = 0;
-  const uint64_t moved = std::accumulate(clock->moved, clock->moved + parts, uint64_t{0});
-  const bool slow = ++clock->partsDone >= 2 * parts && moved < uint64_t{limits.minimumRate} * secondsOfPart * parts;
-  clock->part = (clock->part + 1) % parts;
-  clock->moved[clock->part] = 0;
+  if (++progress->partSeconds < secondsOfPart) return false;
+  progress->partSeconds = 0;
+  const uint64_t moved = std::accumulate(progress->moved, progress->moved + parts, uint64_t{0});
+  const bool slow = ++progress->partsDone >= 2 * parts && moved < uint64_t{limits.minimumRate} * secondsOfPart * parts;
+  progress->part = (progress->part + 1) % parts;
+  progress->moved[progress->part] = 0;
   return slow;
 }
 
-uint8_t overdue(Connection* connection, Phase phase, const HttpServerLimits& limits) {
-  ConnectionClock* const clock = &connection->clock;
-  switch (phase) {
+uint8_t overdue(Progress* progress, const HttpServerLimits& limits) {
+  if (isReached(progress->still, limits.stallSeconds)) return HTTP_MSG_STALLED;
+  return isTooSlow(progress, limits) ? HTTP_MSG_SLOW : HTTP_MSG_ACCEPTED;
+}
+
+uint8_t overdueRequest(ConnectionClock* clock, const HttpServerLimits& limits) {
+  switch (clock->phase) {
     case kIdle:
       return isReached(clock->seconds, limits.idleSeconds) ? HTTP_MSG_IDLE : HTTP_MSG_ACCEPTED;
     case kHead:
@@ -219,13 +256,10 @@ uint8_t overdue(Connection* connection, Phase phase, const HttpServerLimits& lim
     case kPaused:
       return isReached(clock->seconds, limits.pausedSeconds) ? HTTP_MSG_FORGOTTEN : HTTP_MSG_ACCEPTED;
     case kBody:
-    case kReply:
-      if (isReached(clock->still, limits.stallSeconds)) return HTTP_MSG_STALLED;
-      return isTooSlow(clock, limits) ? HTTP_MSG_SLOW : HTTP_MSG_ACCEPTED;
-    case kApplication:
+      return overdue(&clock->body, limits);
+    default:
       return HTTP_MSG_ACCEPTED;
   }
-  return HTTP_MSG_ACCEPTED;
 }
 
 // What a client has not taken until now is not worth the kernel's memory, for minutes after the end.
@@ -234,18 +268,30 @@ void dropUnacknowledged(const ZelPeer* peer) {
   setsockopt(peer_socket(peer), SOL_SOCKET, SO_LINGER, &kReset, sizeof kReset);
 }
 
+// The connection has been idle since the last look: nothing is on its way.
+bool isStillIdle(const Connection* connection) {
+  const ConnectionClock& clock = connection->clock;
+  return connection->state <= HTTP_SERVER_ACCEPTED && connection->request.message.fill == 0 && clock.phase == kIdle &&
+         clock.request == connection->requests;
+}
+
 void sweep(ZelTimer* timer, void* userData) {
   auto* const server = static_cast<HttpServer*>(userData);
   zel_timer_start(timer, kSweepMilliseconds);
   Walk walk;
   while (Connection* const connection = walk.next()) {
     if (connection->server != server || server->limits == nullptr) continue;
-    const Look look = lookAt(connection);
-    measure(connection, look);
-    const uint8_t reason = overdue(connection, look.phase, *server->limits);
+    ConnectionClock* const clock = &connection->clock;
+    const uint64_t left = isStillIdle(connection) ? 0 : leftOfOutput(connection);
+    lookAtOutput(connection, left);
+    lookAtRequest(connection, phaseOf(connection, left > 0));
+    uint8_t reason = HTTP_MSG_ACCEPTED;
+    if (clock->output.runs) reason = overdue(&clock->output, *server->limits);
+    const bool isUntaken = reason != HTTP_MSG_ACCEPTED;
+    if (!isUntaken) reason = overdueRequest(clock, *server->limits);
     if (reason == HTTP_MSG_ACCEPTED) continue;
     srv_refuse(connection, reason);
-    if (look.phase == kReply) dropUnacknowledged(peerOf(connection));
+    if (isUntaken) dropUnacknowledged(peerOf(connection));
     peer_destroy(peerOf(connection));
   }
 }
@@ -290,6 +336,7 @@ void srv_limitRequest(Connection* connection) {
   request->headerLimit = limits.headers;
   request->bodyLimit = limits.bodyBytes;
   request->strict = limits.strict;
+  request->neverWaits = connection->server->limits != nullptr;
 }
 
 bool srv_admit(HttpServer* server, ZelPeer* peer) {
@@ -313,13 +360,13 @@ void srv_countRequest(Connection* connection) {
   connection->reply.message.last = 1;
 }
 
-bool isLongerThanAllowed(const HttpMessage* request) {
+bool srv_isBodyTooLong(const HttpMessage* request) {
   return request->bodyLimit != 0 && announcedLength(request) > request->bodyLimit;
 }
 
 bool srv_checkBody(Connection* connection) {
   const HttpMessage* const request = &connection->request.message;
-  if (request->state != HTTP_MSG_BODY || !isLongerThanAllowed(request)) return true;
+  if (request->state != HTTP_MSG_BODY || !srv_isBodyTooLong(request)) return true;
   srv_refuse(connection, HTTP_MSG_LARGE_BODY);
   return false;
 }

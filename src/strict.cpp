@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstdint>
 #include <cstring>
 
@@ -54,6 +55,10 @@ size_t skipPlain(std::string_view text) {
   return at;
 }
 
+constexpr std::string_view kSchemeCharacters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+-.";
+constexpr std::string_view kHostCharacters =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~%!$&'()*+,;=:[]";
+
 constexpr bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
 // "HTTP/1.1", but for its digits.
@@ -76,6 +81,31 @@ std::string_view authorityOf(std::string_view target) {
   target.remove_prefix(mark + kMark.size());
   return target.substr(0, target.find_first_of("/?#"));
 }
+
+// Path and query, or a scheme and an authority in front of them (RFC 9112 section 3.2). What else stands before a path,
+// or behind a '#', is a part of it to some and nothing to others.
+bool isTarget(std::string_view target) {
+  if (target.find('#') != std::string_view::npos) return false;
+  if (target.starts_with('/') || target == "*") return true;
+  const size_t mark = target.find("://");
+  if (mark == std::string_view::npos || mark == 0) return false;
+  const std::string_view scheme = target.substr(0, mark);
+  return std::isalpha(static_cast<unsigned char>(scheme[0])) &&
+         scheme.find_first_not_of(kSchemeCharacters) == scheme.npos;
+}
+
+// Escapes that name a byte, but not the one that ends a text: what is none is cut off, or passed on, by others.
+bool hasEscapesInOrder(std::string_view path) {
+  for (size_t at = path.find('%'); at != std::string_view::npos; at = path.find('%', at + 3)) {
+    if (at + 2 >= path.size() || !std::isxdigit(static_cast<unsigned char>(path[at + 1])) ||
+        !std::isxdigit(static_cast<unsigned char>(path[at + 2])) || path.substr(at + 1, 2) == "00")
+      return false;
+  }
+  return true;
+}
+
+// Of a host and its port, as far as both can hold them (RFC 3986 section 3.2).
+bool isHost(std::string_view text) { return text.find_first_not_of(kHostCharacters) == std::string_view::npos; }
 
 bool equalsWithoutCase(std::string_view a, std::string_view b) {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
@@ -136,6 +166,7 @@ uint8_t checkBodyLength(const HttpMessage* message, const Framing& framing) {
 uint8_t checkHost(const HttpMessage* message, const Framing& framing) {
   if (framing.hosts > 1) return refused(HTTP_MSG_REPEATED_HOST, "more than one Host");
   if (framing.hosts == 0 && message->versionMinor > 0) return refused(HTTP_MSG_NO_HOST, "no Host");
+  if (framing.hosts == 1 && !isHost(framing.host)) return refused(HTTP_MSG_BAD_HOST, "Host");
   const bool isAbsolute = message->authorityStart != 0;
   const std::string_view authority(message->buffer + message->authorityStart, message->authorityLength);
   if (framing.hosts == 1 && isAbsolute && !equalsWithoutCase(authority, framing.host))
@@ -164,16 +195,22 @@ uint8_t strict_requestLine(std::string_view line, std::string_view* authority) {
                             line.substr(0, second).find('\t') == std::string_view::npos;
   if (!isThreeWords) return refused(HTTP_MSG_BAD_FIRST_LINE, "request line");
   if (!isToken(line.substr(0, first))) return refused(HTTP_MSG_METHOD_NO_TOKEN, "method");
-  *authority = authorityOf(line.substr(first + 1, second - first - 1));
+  const uint8_t version = checkVersion(line.substr(second + 1));
+  if (version != HTTP_MSG_ACCEPTED) return version;
+  const std::string_view target = line.substr(first + 1, second - first - 1);
+  if (!isTarget(target)) return refused(HTTP_MSG_BAD_TARGET, "target");
+  if (!hasEscapesInOrder(target.substr(0, target.find('?'))))
+    return refused(HTTP_MSG_BAD_TARGET, "escape in the target");
+  *authority = authorityOf(target);
   // It is compared with the Host header after its escapes, which no host needs, have been decoded where they stand.
   if (authority->find('%') != std::string_view::npos) return refused(HTTP_MSG_BAD_TARGET, "authority");
-  return checkVersion(line.substr(second + 1));
+  return HTTP_MSG_ACCEPTED;
 }
 
 uint8_t strict_statusLine(std::string_view line) {
   const std::string_view code = line.size() > 9 ? line.substr(9, 3) : std::string_view();
-  const bool isThreeWords =
-      line.size() >= 13 && line[8] == ' ' && std::all_of(code.begin(), code.end(), isDigit) && line[12] == ' ';
+  const bool isThreeWords = line.size() >= 13 && line[8] == ' ' && std::all_of(code.begin(), code.end(), isDigit) &&
+                            code[0] != '0' && line[12] == ' ';
   if (!isThreeWords) return refused(HTTP_MSG_BAD_FIRST_LINE, "status line");
   return checkVersion(line.substr(0, 8));
 }

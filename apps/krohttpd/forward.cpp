@@ -1,6 +1,7 @@
 #include "forward.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <memory>
 #include <string_view>
 #include <unordered_map>
@@ -74,10 +75,12 @@ int forwardBegin(HttpRequest* request, HttpReply* reply, const ProxyTarget& targ
   if (proxy) {
     proxy->timeout = timeout;
     proxy->replyFilter = checkReply;
+    errno = 0;
     if (http_proxyForwardRequest(proxy.get(), request, reply) == 0) return 0;
   }
+  const bool isTooLong = proxy && errno == EFBIG;
   exchanges.erase(http_requestPeer(request));
-  return replyWithStatus(request, reply, 502);
+  return isTooLong ? -1 : replyWithStatus(request, reply, 502);  // the server says so
 }
 
 bool isForwarding(HttpRequest* request) { return exchanges.contains(http_requestPeer(request)); }

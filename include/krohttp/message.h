@@ -81,7 +81,8 @@ enum HttpMessageRefusal {
   HTTP_MSG_OTHER_HOST = 29,    /**< the target names another authority than the Host header */
   HTTP_MSG_OTHER_VERSION = 30, /**< neither 1.0 nor 1.1 */
   HTTP_MSG_METHOD_NO_TOKEN = 31,
-  HTTP_MSG_REFUSALS = 32 /**< how many there are */
+  HTTP_MSG_BAD_HOST = 32, /**< a Host that is none */
+  HTTP_MSG_REFUSALS = 33  /**< how many there are */
 };
 
 /** A message. Zeroed, then initialized by its request or reply; the fields are read-only unless said otherwise. */
@@ -115,6 +116,8 @@ typedef struct HttpMessage {
   uint8_t relayed;      /**< private: the body is passed on, and never looked back into */
   uint8_t inParts;      /**< private: the body is taken apart as it comes: reading it never waits */
   uint32_t bodyReads;   /**< private: how often the body stream has got bytes */
+  uint32_t bodyWrites;  /**< private: how often something has been written to the body stream */
+  uint8_t neverWaits;   /**< private: reading the body never sleeps, whoever reads it */
   uint32_t bodyAhead;   /**< private: bytes that the body stream's context holds read ahead */
   uint32_t headLimit;   /**< private: a head that takes more bytes fails; 0: none does */
   uint32_t lineLimit;   /**< private: the same for the first line */

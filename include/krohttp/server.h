@@ -145,7 +145,8 @@ KROHTTP_API void http_serverBodyLimitSet(HttpRequest *request, uint64_t bytes);
 
 /**
  * Tells a client that waits for it to send the body of @p request: writes "100 Continue" if the request came with
- * "Expect: 100-continue" (RFC 9110 section 10.1.1) and its body is still to be read. Call it before the reply is begun.
+ * "Expect: 100-continue" (RFC 9110 section 10.1.1) and its body is still to be read. Call it before the reply is begun;
+ * whoever has to think about it pauses the request, or the client's time for the body runs (see HttpServerLimits).
  * @return 0, or -1 when it could not be written (traced)
  */
 KROHTTP_API int http_serverContinue(HttpRequest *request, HttpReply *reply);

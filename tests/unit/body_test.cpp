@@ -854,6 +854,22 @@ TEST(BodyReadMultipart, WaitsALittleForTheRestOfABlock) {
   expectComplete(reading);
 }
 
+TEST(BodyReadMultipart, AsksForMoreAtOnceWhenItNeverWaits) {
+  ScriptInput input(multipart(100));
+  input.bytes(pattern(50)).hold();
+  Reading reading(input);
+  reading.message()->neverWaits = 1;
+  reading.buffer(100);
+  char block[100];
+  const TraceCapture trace;
+  const int before = input.reads();
+  EXPECT_EQ(fread(block, 1, sizeof block, reading.body()), 50u);
+  EXPECT_EQ(input.reads() - before, 2 + 1 + 1) << "the data and its end, one attempt, and stdio that asks again";
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_EQ(trace.errors(), TraceLines{});
+  EXPECT_EQ(reading.message()->needMoreData, 1);
+}
+
 TEST(BodyReadMultipart, AsksForMoreWhenItHasWaitedLongEnough) {
   const std::string text = pattern(50);
   ScriptInput input(multipart(100));

@@ -6,7 +6,9 @@
 #include <krohttp/request.h>
 
 #include <array>
+#include <cctype>
 #include <cerrno>
+#include <cstring>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -75,7 +77,26 @@ const RequestLineCase kRequestLines[] = {
     {"Absolute", "GET http://host:80/a?b HTTP/1.1", HTTP_MSG_ACCEPTED, "host:80"},
     {"AbsoluteWithoutPath", "GET http://host HTTP/1.1", HTTP_MSG_ACCEPTED, "host"},
     {"AbsoluteWithQuery", "GET http://host?a HTTP/1.1", HTTP_MSG_ACCEPTED, "host"},
-    {"AbsoluteWithFragment", "GET http://host#a HTTP/1.1", HTTP_MSG_ACCEPTED, "host"},
+    {"AbsoluteWithFragment", "GET http://host#a HTTP/1.1", HTTP_MSG_BAD_TARGET},
+    {"Fragment", "GET /a#b HTTP/1.1", HTTP_MSG_BAD_TARGET},
+    {"FragmentInFrontOfThePath", "GET #/a HTTP/1.1", HTTP_MSG_BAD_TARGET},
+    {"WordInFrontOfThePath", "GET x/a HTTP/1.1", HTTP_MSG_BAD_TARGET},
+    {"QueryInFrontOfThePath", "GET ?q=/a HTTP/1.1", HTTP_MSG_BAD_TARGET},
+    {"AsteriskInFrontOfThePath", "GET */a HTTP/1.1", HTTP_MSG_BAD_TARGET},
+    {"SchemeWithoutAnAuthority", "GET http:/a HTTP/1.1", HTTP_MSG_BAD_TARGET},
+    {"OtherSchemeWithoutAnAuthority", "GET mailto:a/b HTTP/1.1", HTTP_MSG_BAD_TARGET},
+    {"PortInFrontOfThePath", "GET :80/a HTTP/1.1", HTTP_MSG_BAD_TARGET},
+    {"UserInFrontOfThePath", "GET @host/a HTTP/1.1", HTTP_MSG_BAD_TARGET},
+    {"NoScheme", "GET ://host/a HTTP/1.1", HTTP_MSG_BAD_TARGET},
+    {"SchemeThatIsNone", "GET 1x://host/a HTTP/1.1", HTTP_MSG_BAD_TARGET},
+    {"OtherScheme", "GET coap+tcp://host/a HTTP/1.1", HTTP_MSG_ACCEPTED, "host"},
+    {"NoPath", "CONNECT host:80 HTTP/1.1", HTTP_MSG_BAD_TARGET},
+    {"Escapes", "GET /%41%zA HTTP/1.1", HTTP_MSG_BAD_TARGET},
+    {"EscapeOfOneDigit", "GET /%4 HTTP/1.1", HTTP_MSG_BAD_TARGET},
+    {"EscapeWithoutDigits", "GET /a% HTTP/1.1", HTTP_MSG_BAD_TARGET},
+    {"EscapeOfZero", "GET /a%00 HTTP/1.1", HTTP_MSG_BAD_TARGET},
+    {"EscapesInOrder", "GET /%41%fF%0a%7e HTTP/1.1", HTTP_MSG_ACCEPTED},
+    {"EscapesOfTheQuery", "GET /a?%zz%00% HTTP/1.1", HTTP_MSG_ACCEPTED},
     {"AbsoluteWithUser", "GET http://me@host/ HTTP/1.1", HTTP_MSG_ACCEPTED, "me@host"},
     {"AddressInAPath", "GET /http://host/ HTTP/1.1", HTTP_MSG_ACCEPTED},
     {"AddressInAQuery", "GET /?to=http://host/ HTTP/1.1", HTTP_MSG_ACCEPTED},
@@ -134,6 +155,7 @@ INSTANTIATE_TEST_SUITE_P(Strict, StrictStatusLine,
                                            LineCase{"VersionAndBlank", "HTTP/1.1 ", HTTP_MSG_BAD_FIRST_LINE},
                                            LineCase{"NoBlankBehindTheCode", "HTTP/1.1 200", HTTP_MSG_BAD_FIRST_LINE},
                                            LineCase{"TwoDigits", "HTTP/1.1 20 OK", HTTP_MSG_BAD_FIRST_LINE},
+                                           LineCase{"BelowAHundred", "HTTP/1.1 099 OK", HTTP_MSG_BAD_FIRST_LINE},
                                            LineCase{"FourDigits", "HTTP/1.1 2000 OK", HTTP_MSG_BAD_FIRST_LINE},
                                            LineCase{"NoDigits", "HTTP/1.1 2x0 OK", HTTP_MSG_BAD_FIRST_LINE},
                                            LineCase{"TwoBlanks", "HTTP/1.1  200 OK", HTTP_MSG_BAD_FIRST_LINE},
@@ -255,7 +277,15 @@ const PlaceCase kPlaces[] = {
        return isToken(byte) ? HTTP_MSG_BAD_METHOD : HTTP_MSG_METHOD_NO_TOKEN;
      }},
     {"Target", "GET /a", "b HTTP/1.1\r\nHost: x\r\n\r\n",
-     [](int byte) -> int { return isBlank(byte) ? HTTP_MSG_BAD_FIRST_LINE : HTTP_MSG_ACCEPTED; }},
+     [](int byte) -> int {
+       if (isBlank(byte)) return HTTP_MSG_BAD_FIRST_LINE;
+       return byte == '#' || byte == '%' ? HTTP_MSG_BAD_TARGET : HTTP_MSG_ACCEPTED;
+     }},
+    {"Host", "GET / HTTP/1.1\r\nHost: x", "y\r\n\r\n",
+     [](int byte) -> int {
+       const bool isOne = byte < 0x80 && (std::isalnum(byte) || strchr("-._~%!$&'()*+,;=:[]", byte) != nullptr);
+       return isOne ? HTTP_MSG_ACCEPTED : HTTP_MSG_BAD_HOST;
+     }},
     {"MajorVersion", "GET / HTTP/", ".1\r\nHost: x\r\n\r\n",
      [](int byte) -> int {
        if (isBlank(byte)) return HTTP_MSG_BAD_FIRST_LINE;

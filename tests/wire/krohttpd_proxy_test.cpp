@@ -129,6 +129,14 @@ TEST_F(KrohttpdProxyTest, PostWithoutLengthHasNoBody) {
   EXPECT_EQ(target().last().requests().at(0).header("Content-Length"), "0");
 }
 
+TEST_F(KrohttpdProxyTest, BodiesThatAreTooLongAreNotForwarded) {
+  start({"--limit", "body=100"});
+  const WireReply reply = ask("POST /a HTTP/1.1\r\nHost: x\r\nContent-Length: 101\r\n\r\n");
+  EXPECT_EQ(reply.status(), 413u);
+  EXPECT_EQ(reply.header("Connection"), "close");
+  EXPECT_EQ(target().count(), 0u);
+}
+
 TEST_F(KrohttpdProxyTest, BodiesThatCannotBeCountedAreRefused) {
   start();
   const WireReply reply = ask("POST /a HTTP/1.1\r\nHost: x\r\nContent-Length: 4294967296\r\n\r\n");

@@ -77,6 +77,11 @@ class LimitsTest : public WireServerTest {
     EXPECT_TRUE(until([&] { return client.ended(); }));
     EXPECT_EQ(client.received(), okReply(path));
   }
+  void expectAnswered(const std::string& path) {
+    WireClient client(address());
+    client.send(get(path));
+    EXPECT_TRUE(until([&] { return countReplies(client.received()) == 1; }));
+  }
   // Lets real time pass.
   void pass(int milliseconds) {
     bool passed = false;
@@ -175,6 +180,9 @@ const RefusalCase kRefusals[] = {
     {"NoVersion", strictly, "GET / HTTP\r\nHost: x\r\n\r\n", 505, HTTP_MSG_BAD_VERSION},
     {"TwoWords", strictly, "GET /\r\nHost: x\r\n\r\n", 400, HTTP_MSG_BAD_FIRST_LINE},
     {"NoTarget", strictly, "GET a HTTP/1.1\r\nHost: x\r\n\r\n", 400, HTTP_MSG_BAD_TARGET},
+    {"PathBehindAWord", strictly, "GET x/a HTTP/1.1\r\nHost: x\r\n\r\n", 400, HTTP_MSG_BAD_TARGET},
+    {"BrokenEscape", strictly, "GET /a%zz HTTP/1.1\r\nHost: x\r\n\r\n", 400, HTTP_MSG_BAD_TARGET},
+    {"NoHostAtAll", strictly, "GET / HTTP/1.1\r\nHost: a/b\r\n\r\n", 400, HTTP_MSG_BAD_HOST},
     {"NoColon", strictly, get("/", "A\r\n"), 400, HTTP_MSG_BAD_HEADER},
     {"CodingAndLength", strictly, put("hello", "Transfer-Encoding: chunked\r\n"), 400, HTTP_MSG_LENGTH_AND_CODING},
     {"RepeatedLength", strictly, put("hello", "Content-Length: 5\r\n"), 400, HTTP_MSG_REPEATED_LENGTH},
@@ -425,6 +433,38 @@ TEST_F(LimitsTest, NobodyIsToldToSendABodyThatIsTooLarge) {
 }
 
 // What the application has said already is all that the client gets.
+// One that minds its clients does not sleep for one of them.
+TEST_F(LimitsTest, NobodyWaitsForAMultipartBody) {
+  std::vector<int> neverWaits;
+  onRequest = [&](HttpRequest* request, HttpReply* reply) {
+    neverWaits.push_back(request->message.neverWaits);
+    return replyText(reply, 200, "x");
+  };
+  listen();
+  expectAnswered("/plain");
+  ASSERT_EQ(http_serverLimitsSet(&http(), &limits_), 0);
+  expectAnswered("/limited");
+  EXPECT_EQ(neverWaits, (std::vector<int>{0, 1}));
+}
+
+// The application says that it is done with a request that it has not read.
+TEST_F(LimitsTest, BodyThatNobodyHasOpenedIsNoRequest) {
+  for (const bool limited : {false, true}) {
+    listen();
+    ASSERT_EQ(http_serverLimitsSet(&http(), limited ? &limits_ : nullptr), 0);
+    calls.clear();
+    onRequest = [](HttpRequest* request, HttpReply* reply) {
+      http_requestDone(request);
+      return replyText(reply, 200, "done");
+    };
+    WireClient client(address());
+    client.send(put(get("/smuggled")) + get("/next"));
+    EXPECT_TRUE(until([&] { return client.ended(); }));
+    EXPECT_EQ(countReplies(client.received(), true), 1u);
+    EXPECT_EQ(callsOf("request"), 1u);
+  }
+}
+
 TEST_F(LimitsTest, AnswerOfTheApplicationStays) {
   limits_.bodyBytes = 10;
   onRequest = [](HttpRequest*, HttpReply* reply) { return replyText(reply, 403, "no"); };
@@ -663,6 +703,61 @@ TEST_F(LimitsTest, ReplyThatIsNotTakenWhileItsRequestIsPaused) {
   expectRefused(HTTP_MSG_STALLED);
 }
 
+// Each request begins something new, but not what is to be taken.
+TEST_F(LimitsTest, RepliesToPipelinedRequestsAreNotTaken) {
+  limits_.stallSeconds = 1;
+  onRequest = [](HttpRequest*, HttpReply* reply) { return replyText(reply, 200, std::string(50'000, 't')); };
+  for (const bool local : {false, true}) {
+    SCOPED_TRACE(local ? "Unix socket" : "TCP");
+    local ? listenLocally() : listen();
+    ASSERT_EQ(http_serverLimitsSet(&http(), &limits_), 0);
+    WireClient client(address(), {4096});
+    client.readAtMost(0);
+    int turn = 0;
+    EXPECT_TRUE(until([&] {
+      if (++turn % 100 == 0) client.send(get("/"));
+      return http().refused[HTTP_MSG_STALLED] == 1;
+    }));
+    http().refused[HTTP_MSG_STALLED] = 0;
+  }
+}
+
+TEST_F(LimitsTest, ReplyThatIsNotTakenWhileItsRequestComes) {
+  limits_.stallSeconds = 1;
+  onRequest = [](HttpRequest*, HttpReply* reply) { return replyText(reply, 200, std::string(8'000'000, 't')); };
+  onBody = [](HttpRequest* request, HttpReply*, FILE*) { return http_msgBodyDiscard(&request->message); };
+  serve();
+  WireClient client(address(), {4096});
+  client.readAtMost(0);
+  client.send("PUT /put HTTP/1.1\r\nHost: x\r\nContent-Length: 1000000\r\n\r\n");
+  EXPECT_TRUE(trickle(client, [&] { return http().refused[HTTP_MSG_STALLED] == 1; }));
+}
+
+TEST_F(LimitsTest, ReplyThatGrowsIsNotTaken) {
+  limits_.stallSeconds = 1;
+  HttpReply* feeding = nullptr;
+  onRequest = [&](HttpRequest*, HttpReply* reply) {
+    feeding = reply;
+    http_replyStatusCodeSet(reply, 200, nullptr);
+    http_replyHeaderValueSet(reply, "Transfer-Encoding", "chunked");
+    return http_replySend(reply);
+  };
+  serve();
+  WireClient client(address(), {4096});
+  client.readAtMost(0);
+  client.send(get("/"));
+  ASSERT_TRUE(until([&] { return feeding != nullptr; }));
+  int turn = 0;
+  EXPECT_TRUE(until([&] {
+    if (callsOf("done") == 0 && ++turn % 10 == 0) {
+      FILE* const stream = http_replyBody(feeding);
+      fputs(std::string(3000, 'p').c_str(), stream);
+      fflush(stream);
+    }
+    return http().refused[HTTP_MSG_STALLED] == 1;
+  }));
+}
+
 // --- who is not blamed -----------------------------------------------------------------------------------------------
 
 class PatienceTest : public LimitsTest {
@@ -717,6 +812,43 @@ TEST_F(PatienceTest, ApplicationThatDoesNotRead) {
   client.send(put("hello"));
   EXPECT_TRUE(until([&] { return client.received() == okReply("hello") || client.ended(); }));
   EXPECT_EQ(client.received(), okReply("hello"));
+  expectRefused(HTTP_MSG_ACCEPTED);
+}
+
+// Little is all that there is to be taken; what is on its way at each look is always as much.
+TEST_F(PatienceTest, ClientThatIsAMessageBehind) {
+  HttpReply* feeding = nullptr;
+  onRequest = [&](HttpRequest*, HttpReply* reply) {
+    feeding = reply;
+    http_replyStatusCodeSet(reply, 200, nullptr);
+    http_replyHeaderValueSet(reply, "Transfer-Encoding", "chunked");
+    return http_replySend(reply);
+  };
+  listenLocally();
+  ASSERT_EQ(http_serverLimitsSet(&http(), &limits_), 0);
+  Descriptor client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un to = {};
+  to.sun_family = AF_UNIX;
+  address().path.copy(to.sun_path, sizeof to.sun_path - 1);
+  ASSERT_EQ(connect(client.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
+  const std::string request = get("/");
+  ASSERT_EQ(write(client.get(), request.data(), request.size()), static_cast<ssize_t>(request.size()));
+  ASSERT_TRUE(until([&] { return feeding != nullptr; }));
+  settle();
+  std::string head;
+  for (char byte = 0; !head.ends_with("\r\n\r\n") && read(client.get(), &byte, 1) == 1;) head += byte;
+  const std::string piece(100, 'p');
+  const auto feed = [&] {
+    fputs(piece.c_str(), http_replyBody(feeding));
+    fflush(http_replyBody(feeding));
+  };
+  feed();
+  for (int round = 0; round < 20 && callsOf("done") == 0; ++round) {
+    feed();
+    pass(200);
+    char taken[106];
+    EXPECT_EQ(read(client.get(), taken, sizeof taken), static_cast<ssize_t>(sizeof taken));
+  }
   expectRefused(HTTP_MSG_ACCEPTED);
 }
 
@@ -841,6 +973,22 @@ TEST_F(LimitsTest, OneRequestAConnection) {
   client.send(put("hello") + get("/2"));
   EXPECT_TRUE(until([&] { return client.ended(); }));
   EXPECT_EQ(client.received(), lastReply("hello"));
+}
+
+// Whatever becomes of the first attempt to answer.
+TEST_F(LimitsTest, LastReplyThatIsBegunAgain) {
+  limits_.requests = 1;
+  serve();
+  onRequest = [](HttpRequest*, HttpReply* reply) {
+    http_replyStatusCodeSet(reply, 200, nullptr);
+    http_replyReset(reply);
+    http_replyVersionSet(reply, 1, 1);
+    return replyText(reply, 200, "again");
+  };
+  WireClient client(address());
+  client.send(get("/") + get("/2"));
+  EXPECT_TRUE(until([&] { return client.ended(); }));
+  EXPECT_EQ(client.received(), lastReply("again"));
 }
 
 TEST_F(LimitsTest, LastReplyOfEveryKind) {

@@ -229,4 +229,18 @@ TEST_F(StrictProxyTest, AmbiguousRequestIsNotForwarded) {
   EXPECT_EQ(target().count(), 0u);
 }
 
+// What is refused for its length is no matter of the target's.
+TEST_F(StrictProxyTest, BodyThatIsTooLongIsNotForwarded) {
+  limits_.bodyBytes = 100;
+  serve();
+  startLocalTarget().always(WireScript().request().send(okReply("hello")));
+  WireClient browser(address());
+  browser.send("POST /a HTTP/1.1\r\nHost: x\r\nContent-Length: 1000\r\n\r\n");
+  EXPECT_TRUE(until([&] { return browser.ended(); }));
+  EXPECT_EQ(browser.received(), ownAnswer());
+  EXPECT_EQ(forwarded, (std::vector<int>{-1}));
+  EXPECT_EQ(http().refused[HTTP_MSG_LARGE_BODY], 1u);
+  EXPECT_EQ(target().count(), 0u);
+}
+
 }  // namespace
