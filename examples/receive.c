@@ -65,8 +65,7 @@ static int begin(HttpRequest *request, HttpReply *reply) {
   upload->request = request;
   upload->flashing = zel_timer_create();
   http_requestUserDataSet(request, upload);
-  if (upload->flashing == NULL ||
-      http_msgMultipartInitialize(&upload->form, &request->message, NULL, on_part_body) < 0)
+  if (upload->flashing == NULL || http_msgMultipartInitialize(&upload->form, &request->message, NULL, on_part_body) < 0)
     return -1;
   zel_timer_setUserData(upload->flashing, upload);
   zel_timer_setHandler(upload->flashing, block_written);

@@ -3,8 +3,8 @@
  * Who is asking: Basic and Digest credentials (RFC 7617, RFC 7616 with MD5), and login sessions kept by a cookie.
  *
  * For Basic and Digest the library keeps nothing between requests: the application's callbacks know the users. A right
- * Digest response is accepted whatever its nonce and count, so one that is overheard can be used again: use either scheme
- * where the connection itself cannot be overheard.
+ * Digest response is accepted whatever its nonce and count, so one that is overheard can be used again: use either
+ * scheme where the connection itself cannot be overheard.
  *
  * A session context keeps the logins of a server in memory. It is made with http_authCookieInit(); then the application
  * sets its check.
@@ -31,15 +31,15 @@ enum HttpAuthScheme {
 /**
  * HA1, by which a Digest user's password is known: MD5 of "user:realm:password".
  * Of the three together the first 600 characters count.
- * @return 32 lower-case hexadecimal digits, to be freed by the caller; NULL when one of the three is NULL, and when memory is
- * short (traced)
+ * @return 32 lower-case hexadecimal digits, to be freed by the caller; NULL when one of the three is NULL, and when
+ * memory is short (traced)
  */
 KROHTTP_API char *http_generateDigestHash(const char *user, const char *realm, const char *password);
 
 /* What the header registry calls. */
 
-/** Reads credentials into a zeroed header. @return 0, also for an unknown scheme (nothing is set); -1 for malformed ones
- * and when memory is short (traced; what was set is kept) */
+/** Reads credentials into a zeroed header. @return 0, also for an unknown scheme (nothing is set); -1 for malformed
+ * ones and when memory is short (traced; what was set is kept) */
 KROHTTP_API int auth_hdrFactoryAuthorization(HttpHeader *header, char *text);
 /**
  * Adds an Authorization header to @p message. For Digest username, password (HA1), method, realm, nonce and uri must
@@ -82,7 +82,8 @@ KROHTTP_API int http_replyWithAuthDigestFailed(HttpReply *reply, const char *rea
 
 /* --- login sessions ---------------------------------------------------------------------------------------------- */
 
-/** A login. Owned by its context: valid until it is closed, invalidated, found expired, or the context is cleaned up. */
+/** A login. Owned by its context: valid until it is closed, invalidated, found expired, or the context is cleaned up.
+ */
 typedef struct http_auth_session {
   char *id; /**< 24 characters, from 18 bytes of the kernel's random numbers */
   char *username;
@@ -118,8 +119,9 @@ KROHTTP_API void http_authCookieCleanup(http_auth_cookie *context);
 KROHTTP_API http_auth_session *http_authCookieCheckSession(http_auth_cookie *context, HttpRequest *request,
                                                            HttpReply *reply);
 
-/** The session of @p request, or a new one for the username and password in the query of its target: these show in the address
- * bar and in logs, so prefer http_authCookieAuthenticateWithCredentials(). @return the session, or NULL (traced) */
+/** The session of @p request, or a new one for the username and password in the query of its target: these show in the
+ * address bar and in logs, so prefer http_authCookieAuthenticateWithCredentials(). @return the session, or NULL
+ * (traced) */
 KROHTTP_API http_auth_session *http_authCookieAuthenticate(http_auth_cookie *context, HttpRequest *request,
                                                            HttpReply *reply, void *data);
 /** The session of @p request, or a new one for these credentials. @return the session, or NULL (traced) */
@@ -127,14 +129,15 @@ KROHTTP_API http_auth_session *http_authCookieAuthenticateWithCredentials(http_a
                                                                           HttpRequest *request, HttpReply *reply,
                                                                           const char *username, const char *password,
                                                                           void *data);
-/** The session of @p request if it was opened with @p token, or a new one if there is none and check accepts the user name.
+/** The session of @p request if it was opened with @p token, or a new one if there is none and check accepts the user
+ * name.
  * @return the session, or NULL (traced) */
 KROHTTP_API http_auth_session *http_authCookieAuthenticateWithToken(http_auth_cookie *context, HttpRequest *request,
                                                                     HttpReply *reply, const char *username,
                                                                     const char *token, void *data, void *ssoContext);
 
-/** Ends the session of @p request and takes its cookie back with @p reply. @return 0, also when the request has no such cookie;
- * -1 when it has no Cookie header, and on failure (traced) */
+/** Ends the session of @p request and takes its cookie back with @p reply. @return 0, also when the request has no such
+ * cookie; -1 when it has no Cookie header, and on failure (traced) */
 KROHTTP_API int http_authCookieCloseSession(http_auth_cookie *context, HttpRequest *request, HttpReply *reply);
 /** Ends @p session, if it is one of the context's. */
 KROHTTP_API void http_authCookieInvalidateSession(http_auth_cookie *context, http_auth_session *session);

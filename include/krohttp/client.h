@@ -9,8 +9,8 @@
  *
  * The handlers run on the event loop, in this order for each exchange: replyHeaderHandler once, when the reply's head
  * is complete; bodyHandler each time body data can be read; replyDoneHandler; readyHandler, in which the next request
- * may be begun. Interim replies (100 to 199, but 101) are skipped. The reply to HEAD, and one with status 204 or 304, is
- * complete after its head (RFC 9112 section 6.3). A body that ended before its announced end shows as
+ * may be begun. Interim replies (100 to 199, but 101) are skipped. The reply to HEAD, and one with status 204 or 304,
+ * is complete after its head (RFC 9112 section 6.3). A body that ended before its announced end shows as
  * reply->message.bodyCut; a broken chunked body, and a head that ends early or is none, end the connection.
  *
  * When the connection ends: errorHandler if nothing of the reply had come; the rest of a body that lasts until then,
@@ -72,9 +72,9 @@ typedef struct HttpClient {
   /** What was written of the request has left and the request is not done: write more of its body. Optional: without
    * it everything can be written at once, and waits in memory. */
   void (*requestDrainedHandler)(HttpReply *reply, HttpRequest *request);
-  /** Whether a reply may be read, and its handlers called, while the request is still being sent: otherwise it waits until
-   * the request is complete. One that refuses (status 400 and more) then ends the sending, and its connection ends with
-   * it; any other one is done when both are complete. */
+  /** Whether a reply may be read, and its handlers called, while the request is still being sent: otherwise it waits
+   * until the request is complete. One that refuses (status 400 and more) then ends the sending, and its connection
+   * ends with it; any other one is done when both are complete. */
   bool takesEarlyReply;
   /** The connection has ended, by the other side or by a failure, at any point; runs last. Not called for
    * http_clientStop(). The client may be started again here. Optional. */
@@ -98,8 +98,8 @@ typedef struct HttpClientConnection {
 KROHTTP_API int http_clientStart(HttpClient *client, ZelPeer *peer);
 
 /**
- * Begins an exchange. @p request keeps what the application has set already and is written by it afterwards; @p reply is
- * reset. Both stay the application's and must live until the exchange or the connection is over.
+ * Begins an exchange. @p request keeps what the application has set already and is written by it afterwards; @p reply
+ * is reset. Both stay the application's and must live until the exchange or the connection is over.
  * @return true, or false when there is no connection (traced; state HTTP_CLIENT_ERROR)
  */
 KROHTTP_API bool http_clientRequest(HttpClient *client, HttpRequest *request, HttpReply *reply);

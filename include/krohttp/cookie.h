@@ -3,7 +3,8 @@
  * Cookies: the typed values of the Cookie and Set-Cookie headers (RFC 6265).
  *
  * Both are a list of records, newest first. Nothing is copied: texts point into the header's own text, or to what the
- * caller of http_cookieSet() keeps alive until the header has been added to a message. Releasing a header frees the records.
+ * caller of http_cookieSet() keeps alive until the header has been added to a message. Releasing a header frees the
+ * records.
  *
  *     HttpHeader header;                                     HttpHeader header = {0};
  *     http_hdrCookieInitialize(&header);                     http_cookieSet(&header, "lang", "en", "/", 0);
@@ -33,7 +34,7 @@ typedef struct http_cookie {
   uint8_t secure;         /**< read, never written */
   uint8_t httponly;
   const char *version; /**< read, never written */
-  int32_t expires;     /**< seconds since the epoch; below 1: absent. Later dates than it can hold count as its largest */
+  int32_t expires; /**< seconds since the epoch; below 1: absent. Later dates than it can hold count as its largest */
   const char *path;
   struct http_cookie *next;
 } http_cookie;
@@ -47,8 +48,8 @@ KROHTTP_API void http_hdrSetCookieInitialize(HttpHeader *header);
 /** http_hdrCleanup() */
 KROHTTP_API void http_hdrSetCookieCleanup(HttpHeader *header);
 
-/** @return the value of the cookie called @p name, compared with case; of two the one that came last. NULL when there is
- * none, or when it has no value. Valid as long as the header */
+/** @return the value of the cookie called @p name, compared with case; of two the one that came last. NULL when there
+ * is none, or when it has no value. Valid as long as the header */
 KROHTTP_API const char *http_cookieGet(HttpHeader *header, const char *name);
 
 /**

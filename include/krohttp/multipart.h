@@ -18,8 +18,8 @@
  * does: the stream's end-of-file flag is set in both cases, and cleared before the next call of the body handler. A
  * handler may also read less than there is; it is called again for the rest.
  *
- * Nothing is sought: any body that the library reads can be taken apart, chunked ones too. The body stream does not wait
- * in the event loop for such a reader.
+ * Nothing is sought: any body that the library reads can be taken apart, chunked ones too. The body stream does not
+ * wait in the event loop for such a reader.
  */
 #ifndef KROHTTP_MULTIPART_H
 #define KROHTTP_MULTIPART_H

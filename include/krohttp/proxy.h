@@ -11,8 +11,8 @@
  *
  * In between the proxy writes the server's reply: the target's, or 504 when the target gives none. No more than a
  * bounded part of a body is in memory: the side that sends faster is not read while the other one catches up.
- * A target that ends in the middle of its reply, or a proxy that gives up there, closes the connection of the browser, so
- * that it can tell. When the browser's connection ends, the one to the target is ended with it.
+ * A target that ends in the middle of its reply, or a proxy that gives up there, closes the connection of the browser,
+ * so that it can tell. When the browser's connection ends, the one to the target is ended with it.
  */
 #ifndef KROHTTP_PROXY_H
 #define KROHTTP_PROXY_H
@@ -46,14 +46,14 @@ extern KROHTTP_API const char *const proxyStateStrings[HTTP_PROXY_STATE_COUNT];
 /** One exchange. Read-only but for what is marked. */
 typedef struct HttpProxy {
   HttpProxyState state;
-  HttpRequest *request;        /**< the received request, not owned; NULL once its connection has ended */
-  HttpReply *reply;            /**< the reply to it, not owned; NULL once its connection has ended */
-  HttpRequest *forwardRequest; /**< the request to the target, owned */
-  HttpReply *forwardReply;     /**< the target's reply, owned */
-  HttpServer *owner;           /**< the server of request */
-  HttpClient client;           /**< drives the exchange with the target */
-  const char *host;            /**< of the target, borrowed; NULL or "ipc": a local socket */
-  const char *port;            /**< of the target, or the path of its local socket; borrowed */
+  HttpRequest *request;             /**< the received request, not owned; NULL once its connection has ended */
+  HttpReply *reply;                 /**< the reply to it, not owned; NULL once its connection has ended */
+  HttpRequest *forwardRequest;      /**< the request to the target, owned */
+  HttpReply *forwardReply;          /**< the target's reply, owned */
+  HttpServer *owner;                /**< the server of request */
+  HttpClient client;                /**< drives the exchange with the target */
+  const char *host;                 /**< of the target, borrowed; NULL or "ipc": a local socket */
+  const char *port;                 /**< of the target, or the path of its local socket; borrowed */
   ZelConnection *connectionContext; /**< takes the connection to the target, borrowed */
   /**
    * Set by the application: the target's status and headers have been copied into @p reply and are about to be sent;
@@ -99,8 +99,8 @@ KROHTTP_API int http_proxyForwardRequestBody(HttpProxy *proxy);
 /** Notes that the reply has left. @return 0 */
 KROHTTP_API int http_proxyForwardReplyDone(HttpProxy *proxy);
 
-/** Gives the exchange up: the browser gets 504, or its connection is closed if a part of the reply was sent. Does nothing
- * when the reply is complete. */
+/** Gives the exchange up: the browser gets 504, or its connection is closed if a part of the reply was sent. Does
+ * nothing when the reply is complete. */
 KROHTTP_API void http_proxyAbort(HttpProxy *proxy);
 
 #ifdef __cplusplus

@@ -58,10 +58,9 @@ KROTRACE_API void kroTraceZone(const char *zone, int level, const char *format, 
     __attribute__((format(printf, 3, 4)));
 
 /** As kroTraceZone(); while no zone shows @p level it costs a load and a branch, and evaluates nothing else. */
-#define kroTraceZ(zone, level, ...)                                           \
-  do {                                                                        \
-    if (__builtin_expect((level) <= kroTraceZonesLevel, 0))                   \
-      kroTraceZone((zone), (level), __VA_ARGS__);                             \
+#define kroTraceZ(zone, level, ...)                                                                     \
+  do {                                                                                                  \
+    if (__builtin_expect((level) <= kroTraceZonesLevel, 0)) kroTraceZone((zone), (level), __VA_ARGS__); \
   } while (0)
 
 /** How lines may look where they go now (KroTraceType). */

@@ -17,9 +17,9 @@ typedef struct ZelList ZelList;
 
 /** A position in a list; caller-provided storage, valid for one walk on one list. A walk may be given up any time. */
 typedef struct ZelListIterator {
-  ZelList *list;     /**< private */
-  size_t serial;     /**< private */
-  size_t index;      /**< private */
+  ZelList *list; /**< private */
+  size_t serial; /**< private */
+  size_t index;  /**< private */
 } ZelListIterator;
 
 /** A new empty list, or NULL when memory is short. */
