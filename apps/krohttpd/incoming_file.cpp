@@ -1,6 +1,7 @@
 #include "incoming_file.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -36,6 +37,15 @@ std::string pathOf(int descriptor) { return "/proc/self/fd/" + std::to_string(de
 
 bool canBeNamed(int descriptor) { return access(pathOf(descriptor).c_str(), F_OK) == 0; }
 
+// Files that are being received, of all clients.
+unsigned filesUnderWay = 0;
+
+// More would leave too few descriptors for connections. The others have three quarters, as many as wanted.
+bool areTooMany(unsigned files) {
+  rlimit limit{};
+  return getrlimit(RLIMIT_NOFILE, &limit) == 0 && files >= limit.rlim_cur / 4;
+}
+
 // Only for names nobody else may take first: they are told apart by the kernel, not by chance.
 std::string hiddenName() {
   static unsigned count = 0;
@@ -57,13 +67,20 @@ OwnedDescriptor& OwnedDescriptor::operator=(OwnedDescriptor&& other) noexcept {
 }
 
 IncomingFile::IncomingFile(int directory, std::string name)
-    : directory_(directory), name_(std::move(name)), hash_(EVP_MD_CTX_new(), &EVP_MD_CTX_free) {}
+    : directory_(directory), name_(std::move(name)), hash_(EVP_MD_CTX_new(), &EVP_MD_CTX_free) {
+  ++filesUnderWay;
+}
 
 IncomingFile::~IncomingFile() {
+  --filesUnderWay;
   if (!hiddenName_.empty()) unlinkat(directory_, hiddenName_.c_str(), 0);
 }
 
 bool IncomingFile::create() {
+  if (areTooMany(filesUnderWay - 1)) {
+    errno = EMFILE;
+    return false;
+  }
   if (!hash_ || EVP_DigestInit_ex(hash_.get(), EVP_sha256(), nullptr) != 1) {
     errno = ENOMEM;
     return false;

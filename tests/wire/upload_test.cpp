@@ -504,6 +504,28 @@ TEST_F(UploadTest, ManyParts) {
   EXPECT_EQ(stored(), files);
 }
 
+// However many there are: connections need the others.
+TEST_F(UploadTest, FilesOfAllClientsHaveAQuarterOfTheDescriptors) {
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit lowered = {80, before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
+  start();
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+  std::string parts;
+  for (int i = 0; i < 20; ++i) parts += file("f" + std::to_string(i), "x");
+  const std::string wire = post(form(parts + field("last", pattern(100))));
+  WireClient first(daemon_->address());
+  first.send(wire.substr(0, wire.size() - 50));
+  ASSERT_TRUE(waitUntil([&] { return openFiles() == 20 + 1; })) << "and their directory";
+  EXPECT_EQ(ask(post(form(file("b", "1")))).status(), 503u);
+  EXPECT_EQ(ask(post(form(field("b", "1")))).status(), 200u);
+  first.send(wire.substr(wire.size() - 50));
+  EXPECT_EQ(replyOf(first).status(), 200u);
+  EXPECT_EQ(ask(post(form(file("b", "1")))).status(), 200u);
+  EXPECT_EQ(stored().size(), 21u);
+}
+
 // Larger than all that is buffered anywhere; in each way in which bodies are framed.
 TEST_F(UploadTest, LargeFiles) {
   start();
