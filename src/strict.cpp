@@ -20,18 +20,26 @@ uint8_t refused(HttpMessageRefusal reason, const char* text) {
 
 constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
-// RFC 9110 section 5.6.2.
-constexpr std::array<bool, 256> kTokenCharacters = [] {
-  std::array<bool, 256> is{};
-  for (const char c : std::string_view("!#$%&'*+-.^_`|~0123456789")) is[static_cast<unsigned char>(c)] = true;
+using CharacterSet = std::array<bool, 256>;
+
+// Letters, digits, and these.
+constexpr CharacterSet lettersDigitsAnd(std::string_view others) {
+  CharacterSet is{};
+  for (const char c : others) is[static_cast<unsigned char>(c)] = true;
+  for (unsigned char c = '0'; c <= '9'; ++c) is[c] = true;
   for (unsigned char c = 'a'; c <= 'z'; ++c) is[c] = is[c - 'a' + 'A'] = true;
   return is;
-}();
-
-bool isToken(std::string_view text) {
-  return !text.empty() &&
-         std::all_of(text.begin(), text.end(), [](char c) { return kTokenCharacters[static_cast<unsigned char>(c)]; });
 }
+
+constexpr CharacterSet kTokenCharacters = lettersDigitsAnd("!#$%&'*+-.^_`|~");     // RFC 9110 section 5.6.2
+constexpr CharacterSet kSchemeCharacters = lettersDigitsAnd("+-.");                // RFC 3986 section 3.1
+constexpr CharacterSet kHostCharacters = lettersDigitsAnd("-._~%!$&'()*+,;=:[]");  // section 3.2, with its port
+
+bool consistsOf(const CharacterSet& set, std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [&](char c) { return set[static_cast<unsigned char>(c)]; });
+}
+
+bool isToken(std::string_view text) { return !text.empty() && consistsOf(kTokenCharacters, text); }
 
 // Whether one of eight bytes is below ' ' or DEL. Those from 0x80 on are not.
 constexpr bool hasControl(uint64_t bytes) {
@@ -54,10 +62,6 @@ size_t skipPlain(std::string_view text) {
   }
   return at;
 }
-
-constexpr std::string_view kSchemeCharacters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+-.";
-constexpr std::string_view kHostCharacters =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~%!$&'()*+,;=:[]";
 
 constexpr bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
@@ -90,8 +94,7 @@ bool isTarget(std::string_view target) {
   const size_t mark = target.find("://");
   if (mark == std::string_view::npos || mark == 0) return false;
   const std::string_view scheme = target.substr(0, mark);
-  return std::isalpha(static_cast<unsigned char>(scheme[0])) &&
-         scheme.find_first_not_of(kSchemeCharacters) == scheme.npos;
+  return std::isalpha(static_cast<unsigned char>(scheme[0])) && consistsOf(kSchemeCharacters, scheme);
 }
 
 // Escapes that name a byte, but not the one that ends a text: what is none is cut off, or passed on, by others.
@@ -103,9 +106,6 @@ bool hasEscapesInOrder(std::string_view path) {
   }
   return true;
 }
-
-// Of a host and its port, as far as both can hold them (RFC 3986 section 3.2).
-bool isHost(std::string_view text) { return text.find_first_not_of(kHostCharacters) == std::string_view::npos; }
 
 bool equalsWithoutCase(std::string_view a, std::string_view b) {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
@@ -166,7 +166,7 @@ uint8_t checkBodyLength(const HttpMessage* message, const Framing& framing) {
 uint8_t checkHost(const HttpMessage* message, const Framing& framing) {
   if (framing.hosts > 1) return refused(HTTP_MSG_REPEATED_HOST, "more than one Host");
   if (framing.hosts == 0 && message->versionMinor > 0) return refused(HTTP_MSG_NO_HOST, "no Host");
-  if (framing.hosts == 1 && !isHost(framing.host)) return refused(HTTP_MSG_BAD_HOST, "Host");
+  if (framing.hosts == 1 && !consistsOf(kHostCharacters, framing.host)) return refused(HTTP_MSG_BAD_HOST, "Host");
   const bool isAbsolute = message->authorityStart != 0;
   const std::string_view authority(message->buffer + message->authorityStart, message->authorityLength);
   if (framing.hosts == 1 && isAbsolute && !equalsWithoutCase(authority, framing.host))

@@ -41,9 +41,9 @@ bool canBeNamed(int descriptor) { return access(pathOf(descriptor).c_str(), F_OK
 unsigned filesUnderWay = 0;
 
 // More would leave too few descriptors for connections. The others have three quarters, as many as wanted.
-bool areTooMany(unsigned files) {
+bool areTooMany() {
   rlimit limit{};
-  return getrlimit(RLIMIT_NOFILE, &limit) == 0 && files >= limit.rlim_cur / 4;
+  return getrlimit(RLIMIT_NOFILE, &limit) == 0 && filesUnderWay > limit.rlim_cur / 4;
 }
 
 // Only for names nobody else may take first: they are told apart by the kernel, not by chance.
@@ -77,7 +77,7 @@ IncomingFile::~IncomingFile() {
 }
 
 bool IncomingFile::create() {
-  if (areTooMany(filesUnderWay - 1)) {
+  if (areTooMany()) {
     errno = EMFILE;
     return false;
   }

@@ -20,14 +20,8 @@ namespace {
 
 constexpr std::string_view kIndex = "/index.html";
 std::vector<Protection> protections;
+size_t mostIndexes = 1;  // that may stand in what is protected
 const Users* users_ = nullptr;
-
-// How many times "/index.html" may stand in what is protected.
-size_t mostIndexes() {
-  size_t longest = 0;
-  for (const Protection& each : protections) longest = std::max(longest, each.prefix.size());
-  return longest / kIndex.size() + 1;
-}
 
 // The names of the file that may be sent for @p path: as it stands or compressed, or the index of the directory that
 // one of these is, which may be a directory itself.
@@ -35,7 +29,7 @@ std::vector<std::string> namesOf(std::string_view path) {
   std::vector<std::string> names;
   for (const std::string_view suffix : {"", ".gz"}) {
     std::string name = std::string(path).append(suffix);
-    for (size_t indexes = mostIndexes();; --indexes) {
+    for (size_t indexes = mostIndexes;; --indexes) {
       names.push_back(normalizedPath(name));
       if (indexes == 0) break;
       names.push_back(normalizedPath(std::string(name).append(kIndex)));
@@ -122,6 +116,8 @@ bool admitsSession(HttpRequest* request, HttpReply* reply, int* result) {
 
 void protectionSetUp(const Options& options, const Users& users) {
   protections = options.protections;
+  for (const Protection& each : protections)
+    mostIndexes = std::max(mostIndexes, each.prefix.size() / kIndex.size() + 1);
   users_ = &users;
 }
 

@@ -36,7 +36,7 @@ KROHTTP_API void http_requestDestroy(HttpRequest *request);
  * Sets the request line; the version must have been set before. Headers may already be there.
  * @param method  HttpMethod
  * @param uri     the target, encoded. Its path is kept decoded: of what was escaped in it only "#&=%? " is escaped
- * again when it is sent, and one with control characters is not sent at all
+ * again when it is sent, and one with a TAB, line end or the like is not sent at all
  * @return 0 or -1 (traced)
  */
 KROHTTP_API int http_requestMethodSet(HttpRequest *request, int method, const char *uri);

@@ -29,20 +29,6 @@ RequestPtr outgoing(FILE* stream) {
   return request;
 }
 
-// A request whose head has been read from this stream.
-RequestPtr incoming(FILE* stream) {
-  RequestPtr request(http_requestCreate());
-  http_requestModeSet(request.get(), HTTP_MSG_READING);
-  http_requestStreamSet(request.get(), stream);
-  while (http_requestState(request.get()) < HTTP_MSG_BODY) {
-    if (http_requestParse(request.get()) != 0 || http_requestNeedMoreData(request.get()) != 0) {
-      ADD_FAILURE() << "no complete head";
-      break;
-    }
-  }
-  return request;
-}
-
 std::vector<std::string> headersOf(HttpRequest* request) {
   std::vector<std::string> headers;
   const char* name = nullptr;
@@ -88,7 +74,7 @@ TEST(RequestLifecycle, CleanupReleasesTheMessage) {
 
 TEST(RequestLifecycle, ResetIsForTheNextRequestOfTheConnection) {
   ScriptInput input("POST /first?a=b HTTP/1.1\r\nHost: x\r\n\r\nGET /second HTTP/1.0\r\nVia: y\r\n\r\n");
-  const RequestPtr request = incoming(input.stream());
+  const RequestPtr request = incomingRequest(input.stream());
   EXPECT_STREQ(http_requestPath(request.get()), "/first");
   http_requestReset(request.get());
   EXPECT_EQ(http_requestState(request.get()), 0);
@@ -467,7 +453,7 @@ TEST(RequestGrow, ByHeadersKeepsTheTarget) {
 TEST(RequestGrow, ByHeadersThatArriveKeepsTheTarget) {
   const std::string value(3000, 'v');
   ScriptInput input("GET /path%20?query HTTP/1.1\r\nX: " + value + "\r\nY: " + value + "\r\n\r\n");
-  const RequestPtr request = incoming(input.stream());
+  const RequestPtr request = incomingRequest(input.stream());
   EXPECT_STREQ(http_requestPath(request.get()), "/path ");
   EXPECT_STREQ(http_uriQueryString(http_requestURI(request.get())), "query");
   EXPECT_EQ(headersOf(request.get()), std::vector<std::string>({"X=" + value, "Y=" + value}));

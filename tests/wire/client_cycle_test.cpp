@@ -1128,6 +1128,15 @@ TEST_F(ClientCycleTest, UploadsOneBehindTheOther) {
   for (size_t i = 0; i < kExchanges; ++i) EXPECT_EQ(requests[i].body.size(), i * 100);
 }
 
+// Gives the messages of one application to another one.
+void handOver(Party& from, Party& to) {
+  to.freeMessages();
+  to.request = std::exchange(from.request, nullptr);
+  to.reply = std::exchange(from.reply, nullptr);
+  http_requestUserDataSet(to.request, &to);
+  http_replyUserDataSet(to.reply, &to);
+}
+
 // The request takes part in another exchange while the first client stays connected.
 TEST_F(ClientCycleTest, MessagesAreReusedWithASecondClient) {
   WireTarget first;
@@ -1141,11 +1150,7 @@ TEST_F(ClientCycleTest, MessagesAreReusedWithASecondClient) {
   one.ask();
   ASSERT_TRUE(until([&] { return one.has("ready"); }));
 
-  two.freeMessages();
-  two.request = std::exchange(one.request, nullptr);
-  two.reply = std::exchange(one.reply, nullptr);
-  http_requestUserDataSet(two.request, &two);
-  http_replyUserDataSet(two.reply, &two);
+  handOver(one, two);
   two.ask(HTTP_METHOD_GET, "/again");
   EXPECT_EQ(two.request->message.owner, two.client);
   EXPECT_EQ(two.request->message.peer, two.peer());
@@ -1179,11 +1184,7 @@ TEST_F(ClientCycleTest, MessagesThatWereReusedMayBeDestroyed) {
     startOn(two, second);
     one.ask();
     ASSERT_TRUE(until([&] { return one.has("ready"); }));
-    two.freeMessages();
-    two.request = std::exchange(one.request, nullptr);
-    two.reply = std::exchange(one.reply, nullptr);
-    http_requestUserDataSet(two.request, &two);
-    http_replyUserDataSet(two.reply, &two);
+    handOver(one, two);
     two.ask();
     const auto* const context = static_cast<const HttpClientConnection*>(peer_userData(one.peer()));
     EXPECT_EQ(context->request, nullptr);
@@ -1213,12 +1214,8 @@ TEST_F(ClientCycleTest, MessagesTakenFromAnExchangeEndIt) {
   startOn(two, second);
   one.ask();
   ASSERT_TRUE(until([&] { return one.state() == HTTP_CLIENT_REQUEST_SENT; }));
-  two.freeMessages();
-  two.request = std::exchange(one.request, nullptr);
-  two.reply = std::exchange(one.reply, nullptr);
+  handOver(one, two);
   http_requestReset(two.request);
-  http_requestUserDataSet(two.request, &two);
-  http_replyUserDataSet(two.reply, &two);
   two.ask();
   ASSERT_TRUE(until([&] { return two.has("ready"); }));
   EXPECT_EQ(two.said(), "header 200; body second; done; ready");
@@ -1240,12 +1237,8 @@ TEST_F(ClientCycleTest, MessagesAreTakenOverByASecondClient) {
   one.ask();
   ASSERT_TRUE(until([&] { return one.state() == HTTP_CLIENT_REQUEST_SENT; }));
   one.stop();
-  two.freeMessages();
-  two.request = std::exchange(one.request, nullptr);
-  two.reply = std::exchange(one.reply, nullptr);
+  handOver(one, two);
   http_requestReset(two.request);
-  http_requestUserDataSet(two.request, &two);
-  http_replyUserDataSet(two.reply, &two);
   two.ask();
   ASSERT_TRUE(until([&] { return two.has("ready"); }));
   EXPECT_EQ(two.said(), "header 200; body second; done; ready");

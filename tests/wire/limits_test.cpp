@@ -82,6 +82,21 @@ class LimitsTest : public WireServerTest {
     client.send(get(path));
     EXPECT_TRUE(until([&] { return countReplies(client.received()) == 1; }));
   }
+  // Begins a reply, which feed() goes on with.
+  void answerInPieces() {
+    onRequest = [this](HttpRequest*, HttpReply* reply) {
+      feeding_ = reply;
+      http_replyStatusCodeSet(reply, 200, nullptr);
+      http_replyHeaderValueSet(reply, "Transfer-Encoding", "chunked");
+      return http_replySend(reply);
+    };
+  }
+  void feed(const std::string& piece) {
+    FILE* const stream = http_replyBody(feeding_);
+    ASSERT_NE(stream, nullptr);
+    fputs(piece.c_str(), stream);
+    fflush(stream);
+  }
   // Lets real time pass.
   void pass(int milliseconds) {
     bool passed = false;
@@ -101,6 +116,7 @@ class LimitsTest : public WireServerTest {
   }
 
   HttpServerLimits limits_ = {};
+  HttpReply* feeding_ = nullptr;
   TraceCapture quiet_;
 };
 
@@ -735,24 +751,16 @@ TEST_F(LimitsTest, ReplyThatIsNotTakenWhileItsRequestComes) {
 
 TEST_F(LimitsTest, ReplyThatGrowsIsNotTaken) {
   limits_.stallSeconds = 1;
-  HttpReply* feeding = nullptr;
-  onRequest = [&](HttpRequest*, HttpReply* reply) {
-    feeding = reply;
-    http_replyStatusCodeSet(reply, 200, nullptr);
-    http_replyHeaderValueSet(reply, "Transfer-Encoding", "chunked");
-    return http_replySend(reply);
-  };
+  answerInPieces();
   serve();
   WireClient client(address(), {4096});
   client.readAtMost(0);
   client.send(get("/"));
-  ASSERT_TRUE(until([&] { return feeding != nullptr; }));
+  ASSERT_TRUE(until([&] { return feeding_ != nullptr; }));
   int turn = 0;
   EXPECT_TRUE(until([&] {
     if (callsOf("done") == 0 && ++turn % 10 == 0) {
-      FILE* const stream = http_replyBody(feeding);
-      fputs(std::string(3000, 'p').c_str(), stream);
-      fflush(stream);
+      feed(std::string(3000, 'p'));
     }
     return http().refused[HTTP_MSG_STALLED] == 1;
   }));
@@ -817,62 +825,39 @@ TEST_F(PatienceTest, ApplicationThatDoesNotRead) {
 
 // Little is all that there is to be taken; what is on its way at each look is always as much.
 TEST_F(PatienceTest, ClientThatIsAMessageBehind) {
-  HttpReply* feeding = nullptr;
-  onRequest = [&](HttpRequest*, HttpReply* reply) {
-    feeding = reply;
-    http_replyStatusCodeSet(reply, 200, nullptr);
-    http_replyHeaderValueSet(reply, "Transfer-Encoding", "chunked");
-    return http_replySend(reply);
-  };
+  answerInPieces();
   listenLocally();
   ASSERT_EQ(http_serverLimitsSet(&http(), &limits_), 0);
-  Descriptor client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_un to = {};
-  to.sun_family = AF_UNIX;
-  address().path.copy(to.sun_path, sizeof to.sun_path - 1);
-  ASSERT_EQ(connect(client.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
-  const std::string request = get("/");
-  ASSERT_EQ(write(client.get(), request.data(), request.size()), static_cast<ssize_t>(request.size()));
-  ASSERT_TRUE(until([&] { return feeding != nullptr; }));
+  WireClient client(address());
+  client.readAtMost(0);  // but by hand
+  client.send(get("/"));
+  ASSERT_TRUE(until([&] { return feeding_ != nullptr; }));
   settle();
   std::string head;
-  for (char byte = 0; !head.ends_with("\r\n\r\n") && read(client.get(), &byte, 1) == 1;) head += byte;
+  for (char byte = 0; !head.ends_with("\r\n\r\n") && read(client.socket(), &byte, 1) == 1;) head += byte;
   const std::string piece(100, 'p');
-  const auto feed = [&] {
-    fputs(piece.c_str(), http_replyBody(feeding));
-    fflush(http_replyBody(feeding));
-  };
-  feed();
+  feed(piece);
   for (int round = 0; round < 20 && callsOf("done") == 0; ++round) {
-    feed();
+    feed(piece);
     pass(200);
     char taken[106];
-    EXPECT_EQ(read(client.get(), taken, sizeof taken), static_cast<ssize_t>(sizeof taken));
+    EXPECT_EQ(read(client.socket(), taken, sizeof taken), static_cast<ssize_t>(sizeof taken));
   }
   expectRefused(HTTP_MSG_ACCEPTED);
 }
 
 TEST_F(PatienceTest, ApplicationThatFeedsItsReplySlowly) {
-  HttpReply* feeding = nullptr;
-  onRequest = [&](HttpRequest*, HttpReply* reply) {
-    feeding = reply;
-    http_replyStatusCodeSet(reply, 200, nullptr);
-    http_replyHeaderValueSet(reply, "Transfer-Encoding", "chunked");
-    return http_replySend(reply);
-  };
+  answerInPieces();
   serve();
   WireClient client(address());
   client.send(get("/"));
-  ASSERT_TRUE(until([&] { return feeding != nullptr; }));
+  ASSERT_TRUE(until([&] { return feeding_ != nullptr; }));
   for (int piece = 0; piece < 3; ++piece) {
     pass(1200);
     ASSERT_FALSE(client.ended());
-    FILE* const stream = http_replyBody(feeding);
-    ASSERT_NE(stream, nullptr);
-    fputs("piece", stream);
-    fflush(stream);
+    feed("piece");
   }
-  http_replyDone(feeding);
+  http_replyDone(feeding_);
   EXPECT_TRUE(until([&] { return countReplies(client.received()) == 1; }));
   EXPECT_EQ(takeReplies(client.received()).at(0).body, "piecepiecepiece");
   expectRefused(HTTP_MSG_ACCEPTED);

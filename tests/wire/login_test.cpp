@@ -532,6 +532,8 @@ TEST_F(LoginTest, NorByWhatALenientDaemonTakes) {
   start({"--protect", "/private/=basic", "--lenient"});
   for (const char* target : {"x/private/a.txt", "/private/a.txt%00x", "/private/a.txt%zz", "/private%00/x"})
     EXPECT_EQ(ask(request("GET", target)).status(), 401u) << target;
+  start({"--protect", "/=session", "--lenient"});
+  EXPECT_EQ(ask(request("GET", "/%00")).status(), 401u);
 }
 
 // With credentials the same paths lead to what is there.
@@ -570,6 +572,7 @@ TEST_F(LoginTest, EverythingIsProtectedButTheLoginPage) {
   start({"--protect", "/=session"});
   for (const char* target : {"/", "/hello", "/missing", "//login", "/login/", "/logout/x", "/%20"})
     EXPECT_EQ(ask(request("GET", target)).status(), 401u) << target;
+  EXPECT_EQ(ask(request("GET", "/%00")).status(), 400u);
   EXPECT_EQ(ask(request("GET", "/login")).status(), 200u);
   EXPECT_EQ(ask(request("GET", "/hello", session())).body, "Hello, world!");
 }
