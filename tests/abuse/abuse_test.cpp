@@ -273,27 +273,32 @@ class Resetting {
 
  private:
   void next() {
+    client_ = nullptr;
     if (*left_ == 0) return;
-    const size_t number = --*left_;
-    Client* const client = swarm_->connect();
-    client->onConnected = [this, client, number] {
+    number_ = --*left_;
+    client_ = swarm_->connect();
+    client_->onConnected = [this] {
       static constexpr std::string_view kSaid[] = {"", "GET / HT", "GET / HTTP/1.1\r\nHost: x\r\n\r\n", kGetMebibyte};
-      client->send(kSaid[number % std::size(kSaid)]);
-      // Some at once, others when the daemon has seen them.
-      if (number % 8 < 4) return leave(client);
-      swarm_->after(5, [this, client] { leave(client); });
+      client_->send(kSaid[number_ % std::size(kSaid)]);
+      // Some at once, others when the daemon has seen them, and may have ended them.
+      if (number_ % 8 < 4) return leave();
+      swarm_->after(5, [this, number = number_] {
+        if (client_ != nullptr && number_ == number) leave();
+      });
     };
-    client->onEnded = [this, client] { leave(client); };
+    client_->onEnded = [this] { leave(); };
   }
-  void leave(Client* client) {
-    client->onEnded = nullptr;
-    if (!client->over()) client->reset();
-    swarm_->drop(client);
+  void leave() {
+    client_->onEnded = nullptr;
+    if (!client_->over()) client_->reset();
+    swarm_->drop(client_);
     next();
   }
 
   Swarm* swarm_;
   size_t* left_;
+  Client* client_ = nullptr;
+  size_t number_ = 0;
 };
 
 TEST_F(Abuse, ResetFlood) {
