@@ -460,10 +460,13 @@ bool cl_handleRead(ZelPeer* peer) {
 
 // --- closing ---------------------------------------------------------------------------------------------------------
 
-bool hasInput(ZelPeer* peer) {
+// As of read(): 0 when the other side has finished, below when it has not, or was reset.
+ssize_t peekByte(ZelPeer* peer) {
   char next;
-  return peer_peek(peer, &next, 1) > 0;
+  return peer_peek(peer, &next, 1);
 }
+
+bool hasInput(ZelPeer* peer) { return peekByte(peer) > 0; }
 
 // Gives the handler what is left of the body. Its stream reads on only while the message is not done.
 void offerRest(Connection* connection, ZelPeer* peer) {
@@ -480,6 +483,8 @@ void endBodyAtClose(Connection* connection, ZelPeer* peer) {
     const Watch watch(connection);
     offerRest(connection, peer);
     if (watch.gone() || !isInUse(connection)) return;
+    // Only the end of the input is the end of the body.
+    if (peekByte(peer) != 0) reply->bodyCut = 1;
     if (reply->state == HTTP_MSG_BODY) reply->state = HTTP_MSG_DONE;
     closeOpenBody(reply);
   }

@@ -254,6 +254,17 @@ int sendReplyHead(HttpProxy* proxy) {
   return 0;
 }
 
+// A part of a reply that cannot be copied does not stand in the way of another.
+int copyReply(HttpReply* from, HttpReply* to) {
+  const uint8_t major = to->message.versionMajor;
+  const uint8_t minor = to->message.versionMinor;
+  if (http_replyCopy(from, to) == 0) return 0;
+  http_replyReset(to);
+  to->statusCode = 0;
+  http_replyVersionSet(to, major, minor);
+  return -1;
+}
+
 int proxy_handleServerReply(HttpReply* forwardReply, HttpRequest* forwardRequest) {
   HttpProxy* const proxy = proxyOf(forwardRequest);
   if (isExiting(proxy) || proxy->reply == nullptr) return -1;
@@ -267,7 +278,7 @@ int proxy_handleServerReply(HttpReply* forwardReply, HttpRequest* forwardRequest
   if (!isIn(proxy, HTTP_PROXY_SERVER_REQUEST_FORWARDED)) return -1;
   if (forwardReply->message.bodyType == HTTP_BODY_UNKNOWN)
     return failWith(proxy, "unable to forward reply: unknown transfer encoding");
-  if (http_replyCopy(forwardReply, proxy->reply) < 0) return failWith(proxy, "unable to copy reply");
+  if (copyReply(forwardReply, proxy->reply) < 0) return failWith(proxy, "unable to copy reply");
   forwardReply->message.relayed = 1;
   if (isWithoutBody(forwardReply)) proxy->reply->message.bodyless = 1;
   return passesFilter(proxy) ? sendReplyHead(proxy) : -1;

@@ -183,6 +183,7 @@ Options parse(CLI::App& app, int argc, char** argv) {
   for (const std::string& url : urls) options.urls.push_back(takeUrl(url));
   for (const std::string& header : given.headers) options.headers.push_back(takeHeader(header));
   options.form = takeForm(app, given);
+  if (app.count("-X") > 0 && options.method.empty()) refuse("-X: give a method");
   checkValues(options);
   checkForm(options);
   checkTogether(options, app);

@@ -59,6 +59,12 @@ std::optional<std::string> hashOf(const NewUser& user, const std::string& passwo
 
 // --- the file --------------------------------------------------------------------------------------------------------
 
+// A device or a pipe, which has no end, or is gone once it was read.
+bool isSpecial(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode);
+}
+
 bool exists(const std::string& path) {
   struct stat status {};
   return lstat(path.c_str(), &status) == 0 || errno != ENOENT;
@@ -92,6 +98,7 @@ int addUser(const NewUser& user) {
   if (const auto refusal = refusalOfName(user.realm)) return failed("--add-user: the realm " + *refusal);
   // What is wrong with the file is told before anybody types.
   const std::string path = fileBehind(user.file);
+  if (isSpecial(path)) return failed("cannot write " + user.file + ": it is no regular file");
   std::vector<UserFileLine> lines;
   std::string reason;
   if (exists(path) && !readUserFile(path, &lines, &reason)) return failed(reason);

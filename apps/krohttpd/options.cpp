@@ -2,6 +2,7 @@
 
 #include <krotrace/krotrace.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 
 #include <CLI/CLI.hpp>
 #include <climits>
@@ -33,10 +34,14 @@ ListenAddress parseListen(const std::string& text) {
   if (colon == std::string::npos || !isPort(text.substr(colon + 1)))
     refuse("--listen: '" + text + "' is not HOST:PORT or unix:PATH");
   std::string host = text.substr(0, colon);
-  if (host.starts_with('[') && host.ends_with(']'))
+  if (host.starts_with('[') && host.ends_with(']')) {
     host = host.substr(1, host.size() - 2);
-  else if (host.find(':') != std::string::npos)
+    if (host.empty()) refuse("--listen: '" + text + "' has no address in its brackets");
+  } else if (host.find_first_of("[]") != std::string::npos) {
+    refuse("--listen: '" + text + "' is not HOST:PORT or unix:PATH");
+  } else if (host.find(':') != std::string::npos) {
     refuse("--listen: put an IPv6 address in brackets: [" + host + "]:" + text.substr(colon + 1));
+  }
   return {false, host.empty() ? "*" : host, text.substr(colon + 1)};
 }
 
@@ -50,9 +55,13 @@ ProxyTarget parseProxy(const std::string& text) {
   if (!text.starts_with('/') || equals == std::string::npos) refuseProxy(text);
   const std::string prefix = text.substr(0, equals);
   const std::string target = text.substr(equals + 1);
-  if (target.starts_with("ipc:") && target.size() > 4) return {prefix, "ipc", target.substr(4)};
+  if (target.starts_with("ipc:") && target.size() > 4) {
+    if (target.size() - 4 >= sizeof sockaddr_un::sun_path) refuse("--proxy: the path is too long for a socket");
+    return {prefix, "ipc", target.substr(4)};
+  }
   const size_t colon = target.rfind(':');
   if (!target.starts_with("tcp:") || colon < 5 || !isPort(target.substr(colon + 1))) refuseProxy(text);
+  if (std::stoi(target.substr(colon + 1)) == 0) refuse("--proxy: '" + text + "' has no port to connect to");
   std::string host = target.substr(4, colon - 4);
   const bool bracketed = host.starts_with('[') && host.ends_with(']');
   if (bracketed) host = host.substr(1, host.size() - 2);
@@ -236,7 +245,7 @@ Options parse(CLI::App& app, int argc, char** argv) {
   if (listen.empty()) listen.push_back("127.0.0.1:8080");
   for (const std::string& address : listen) options.listen.push_back(parseListen(address));
   for (const std::string& trace : traces) options.traces.push_back(parseTrace(trace));
-  for (const std::string& proxy : proxies) options.proxies.push_back(parseProxy(proxy));
+  for (const std::string& proxy : proxies) addRule("--proxy", parseProxy(proxy), &options.proxies);
   for (const std::string& upload : uploads) addRule("--upload", parseUpload(upload), &options.uploads);
   options.maxUpload = parseSize(maxUpload);
   for (const std::string& limit : limits)

@@ -28,8 +28,21 @@ const char* httpDate() {
   return text;
 }
 
-// The phrase where the library knows none, null where it does.
-const char* phraseOf(unsigned code) { return code == 429 ? "Too Many Requests" : nullptr; }
+// The library's, which knows those of RFC 2616.
+const char* phraseOf(unsigned code) {
+  switch (code) {
+    case 429:
+      return "Too Many Requests";
+    case 431:
+      return "Request Header Fields Too Large";
+    case 507:
+      return "Insufficient Storage";
+    default: {
+      const char* const phrase = prot_statusCodeString(code);
+      return phrase != nullptr ? phrase : "Unknown";
+    }
+  }
+}
 
 }  // namespace
 
@@ -65,7 +78,7 @@ int replyWithText(HttpRequest* request, HttpReply* reply, unsigned code, const c
 }
 
 int replyWithStatus(HttpRequest* request, HttpReply* reply, unsigned code, const char* allow) {
-  const char* const phrase = prot_statusCodeString(code);
+  const char* const phrase = phraseOf(code);
   char page[256];
   const int length =
       std::snprintf(page, sizeof page, "<!DOCTYPE html>\n<html lang=\"en\"><title>%u %s</title><h1>%u %s</h1></html>\n",

@@ -10,8 +10,8 @@
  * The handlers run on the event loop, in this order for each exchange: replyHeaderHandler once, when the reply's head
  * is complete; bodyHandler each time body data can be read; replyDoneHandler; readyHandler, in which the next request
  * may be begun. Interim replies (100 to 199, but 101) are skipped. The reply to HEAD, and one with status 204 or 304,
- * is complete after its head (RFC 9112 section 6.3). A body that ended before its announced end shows as
- * reply->message.bodyCut; a broken chunked body, and a head that ends early or is none, end the connection.
+ * is complete after its head (RFC 9112 section 6.3). A body that ended before its announced end, or by a reset, shows
+ * as reply->message.bodyCut; a broken chunked body, and a head that ends early or is none, end the connection.
  *
  * When the connection ends: errorHandler if nothing of the reply had come; the rest of a body that lasts until then,
  * with replyDoneHandler and readyHandler; in any case closedHandler. Request and reply are detached by then: an open

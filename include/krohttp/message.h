@@ -112,7 +112,7 @@ typedef struct HttpMessage {
   uint8_t paused;       /**< HttpMessagePause of a request on a server connection */
   uint8_t refusal;      /**< HttpMessageRefusal of the last head that was read */
   uint8_t bodyless;     /**< private: the reply may not have a body: what is written of one is accepted and dropped */
-  uint8_t bodyCut;      /**< the body ended, or was closed, before its announced end was read */
+  uint8_t bodyCut;      /**< the body ended, or was closed, before its end was read */
   uint8_t relayed;      /**< private: the body is passed on, and never looked back into */
   uint8_t inParts;      /**< private: the body is taken apart as it comes: reading it never waits */
   uint32_t bodyReads;   /**< private: how often the body stream has got bytes */

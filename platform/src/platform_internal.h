@@ -113,6 +113,7 @@ struct ZelPeer {
   bool tryRead : 1;     /**< a handler of event 3 is new, or a transport may hold input: do not wait for the socket */
   bool eof : 1;         /**< the end of the input has been seen */
   bool reset : 1;       /**< the other side is gone */
+  bool broken : 1;      /**< so a write was told, and the socket tells but once: the input seems to have ended */
   bool hungUp : 1;      /**< it has closed both directions, and what it sent is still to be read */
   bool finished : 1;    /**< it has closed its direction, as the poll set told while nobody read */
 };

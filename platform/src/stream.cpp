@@ -29,10 +29,6 @@ ssize_t socketPeek(ZelPeer* peer, void* buffer, size_t length) {
   return recv(peer->fd, buffer, length, MSG_DONTWAIT | MSG_PEEK);
 }
 
-ssize_t writeTo(ZelPeer* peer, const void* data, size_t size) {
-  return retried([=] { return peer->transport->write(peer, data, size); });
-}
-
 /** Somebody reads outside of event 3: there may be nothing left to wait for, or more than the socket tells of. */
 void lookAgain(ZelPeer* peer) {
   peer->hungUp = false;
@@ -42,17 +38,32 @@ void lookAgain(ZelPeer* peer) {
 
 bool wouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK; }
 
+ssize_t refuse(int error) {
+  errno = error;
+  return -1;
+}
+
 /** Keeps what a read or peek has told about the other side. */
 ssize_t noteInput(ZelPeer* peer, ssize_t result) {
+  if (result == 0 && peer->broken) result = refuse(ECONNRESET);
   if (result == 0) peer->eof = true;
   if (result < 0 && !wouldBlock()) peer->reset = true;
   if (peer->hungUp || peer->transport != &kSocketTransport) lookAgain(peer);
   return result;
 }
 
-ssize_t refuse(int error) {
-  errno = error;
-  return -1;
+/** Keeps what a write has told about the other side. EPIPE tells of one that has finished in good order before. */
+ssize_t noteOutput(ZelPeer* peer, ssize_t result) {
+  if (result < 0 && !wouldBlock() && errno != EPIPE) peer->broken = true;
+  return result;
+}
+
+ssize_t writeTo(ZelPeer* peer, const void* data, size_t size) {
+  return noteOutput(peer, retried([=] { return peer->transport->write(peer, data, size); }));
+}
+
+ssize_t sendTo(ZelPeer* peer, const msghdr& message) {
+  return noteOutput(peer, retried([&] { return sendmsg(peer->fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL); }));
 }
 
 ssize_t readInput(void* cookie, char* buffer, size_t size) {
@@ -180,9 +191,8 @@ Flush flushParts(ZelPeer* peer) {
   message.msg_iovlen = static_cast<size_t>(queue_front(&peer->output, parts, kPartsPerFlush));
   size_t offered = 0;
   for (size_t i = 0; i < message.msg_iovlen; ++i) offered += parts[i].iov_len;
-  const ssize_t sent = message.msg_iovlen == 1
-                           ? writeTo(peer, parts[0].iov_base, parts[0].iov_len)
-                           : retried([&] { return sendmsg(peer->fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL); });
+  const ssize_t sent =
+      message.msg_iovlen == 1 ? writeTo(peer, parts[0].iov_base, parts[0].iov_len) : sendTo(peer, message);
   if (sent < 0) return wouldBlock() ? Flush::Blocked : Flush::Dead;
   queue_consume(&peer->output, static_cast<size_t>(sent));
   if (static_cast<size_t>(sent) < offered) return Flush::Blocked;

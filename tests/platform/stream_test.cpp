@@ -152,6 +152,54 @@ TEST_F(StreamTest, PeekTellsOfAReset) {
   EXPECT_EQ(errno, ECONNRESET);
 }
 
+// The socket tells of a reset but once, and lets it look like the end of the input afterwards.
+TEST_F(StreamTest, ReadsTellOfAResetThatAWriteWasTold) {
+  ZelPeer* peer = makeTcpPeer(&other_);
+  ASSERT_TRUE(peer_setStreamType(peer, PEER_STREAM_DIRECT));
+  resetOnClose(other_);
+  other_.reset();
+  FILE* out = peer_outStream(peer, PEER_STREAM_DIRECT);
+  EXPECT_EQ(fputs("x", out), EOF);
+  char byte;
+  EXPECT_EQ(peer_peek(peer, &byte, 1), -1);
+  EXPECT_EQ(errno, ECONNRESET);
+  errno = 0;
+  EXPECT_EQ(fgetc(peer_inStream(peer)), EOF);
+  EXPECT_EQ(errno, ECONNRESET);
+  EXPECT_FALSE(feof(peer_inStream(peer)));
+}
+
+TEST_F(StreamTest, ReadsTellOfAResetThatQueuedOutputMet) {
+  for (const size_t size : {1, 200000}) {
+    ZelPeer* peer = makeTcpPeer(&other_);
+    int told = 0;
+    probe_.on(peer, PEER_EVENT_CLOSE, [&](ZelPeer* one) {
+      char byte;
+      told = peer_peek(one, &byte, 1) < 0 ? errno : -1;
+      return true;
+    });
+    fputs(pattern(size).c_str(), peer_outStream(peer, PEER_STREAM_BUFFERED));
+    resetOnClose(other_);
+    other_.reset();
+    ASSERT_TRUE(until([&] { return told != 0; }));
+    EXPECT_EQ(told, ECONNRESET);
+  }
+}
+
+// It has finished before: what it sent is whole, whatever becomes of what is sent to it.
+TEST_F(StreamTest, EndBeforeAResetIsTheEnd) {
+  ZelPeer* peer = makeTcpPeer(&other_);
+  ASSERT_TRUE(peer_setStreamType(peer, PEER_STREAM_DIRECT));
+  FILE* out = peer_outStream(peer, PEER_STREAM_DIRECT);
+  other_.reset();
+  EXPECT_EQ(fputs("one", out), 1);
+  EXPECT_EQ(fputs("two", out), EOF);
+  char byte;
+  EXPECT_EQ(peer_peek(peer, &byte, 1), 0);
+  EXPECT_EQ(fgetc(peer_inStream(peer)), EOF);
+  EXPECT_TRUE(feof(peer_inStream(peer)));
+}
+
 TEST_F(StreamTest, BufferedOutputLeavesAtTheEndOfTheTurn) {
   ZelPeer* peer = makePeer(&other_);
   FILE* out = peer_outStream(peer, PEER_STREAM_BUFFERED);

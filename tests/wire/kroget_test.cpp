@@ -80,6 +80,7 @@ const KrogetUsageCase kUsage[] = {
     {"TransferEncoding", {"x", "-H", "Transfer-Encoding;"}, "-H 'Transfer-Encoding;': kroget sets this header itself"},
     {"MethodIsNoToken", {"x", "-X", "GET /"}, "-X: 'GET /' is no method that can be used"},
     {"MethodWithLineFeed", {"x", "-X", "G\nT"}, "-X: 'G\\x0aT' is no method that can be used"},
+    {"NoMethod", {"x", "-X", ""}, "-X: give a method"},
     {"Connect", {"x", "-X", "CONNECT"}, "-X: 'CONNECT' is no method that can be used"},
     {"EmptyCredentials", {"x", "-u", ""}, "-u: give USER or USER:PASSWORD"},
     {"LineFeedInCredentials", {"x", "-u", "a:b\nc"}, "-u: there is a control character in it"},

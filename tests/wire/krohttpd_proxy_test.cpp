@@ -315,10 +315,12 @@ TEST_P(UnreachableTest, IsAnswered) {
 // --- the command line ------------------------------------------------------------------------------------------------
 
 class WrongProxyTest : public ::testing::TestWithParam<const char*> {};
+const std::string kLongPath = "/x=ipc:/" + std::string(107, 'a');
 INSTANTIATE_TEST_SUITE_P(Krohttpd, WrongProxyTest,
                          ::testing::Values("", "x", "/x", "x=tcp:127.0.0.1:1", "/x=", "/x=tcp:", "/x=tcp:127.0.0.1",
                                            "/x=tcp:127.0.0.1:", "/x=tcp::80", "/x=tcp:127.0.0.1:65536", "/x=tcp:::1:80",
-                                           "/x=tcp:[]:80", "/x=ipc:", "/x=udp:127.0.0.1:80"));
+                                           "/x=tcp:[]:80", "/x=ipc:", "/x=udp:127.0.0.1:80", "/x=tcp:127.0.0.1:0",
+                                           kLongPath.c_str()));
 
 TEST_P(WrongProxyTest, IsToldInOneLine) {
   ChildProcess process(daemonCommand({"--proxy", GetParam()}));
@@ -326,6 +328,13 @@ TEST_P(WrongProxyTest, IsToldInOneLine) {
   EXPECT_EQ(process.outcome(), "exit 2");
   EXPECT_EQ(linesOf(process.errors()).size(), 1u) << process.errors();
   EXPECT_EQ(process.errors().rfind("krohttpd: --proxy: ", 0), 0u) << process.errors();
+}
+
+TEST(ProxyOption, IsTakenOnceForAPrefix) {
+  ChildProcess process(daemonCommand({"--proxy", "/x=tcp:127.0.0.1:1", "--proxy", "/x=tcp:127.0.0.1:2"}));
+  ASSERT_TRUE(waitUntil([&] { return process.ended(); }));
+  EXPECT_EQ(process.outcome(), "exit 2");
+  EXPECT_EQ(process.errors(), "krohttpd: --proxy: '/x' is there twice (see krohttpd --help)\n");
 }
 
 }  // namespace

@@ -48,6 +48,8 @@ const OptionCase kWrong[] = {
     {"ListenOnAHugePort", {"--demo", "--listen", "127.0.0.1:4294967376"}},
     {"ListenOnANegativePort", {"--demo", "--listen", "127.0.0.1:-1"}},
     {"ListenOnAnOpenBracket", {"--demo", "--listen", "[::1:80"}},
+    {"ListenOnClosedBracket", {"--demo", "--listen", "::1]:80"}},
+    {"ListenOnEmptyBrackets", {"--demo", "--listen", "[]:80"}},
     {"ListenOnNoPath", {"--demo", "--listen", "unix:"}},
     {"RootWithoutValue", {"--root"}},
     {"RootThatIsMissing", {"--root", "/nonexistent"}},
@@ -290,8 +292,13 @@ TEST_P(LimitOptionTest, Holds) {
   const bool endsItself = GetParam().replies != "200 200" || GetParam().name == std::string_view("Requests");
   ASSERT_TRUE(waitUntil([&] { return endsItself ? client.ended() : countReplies(client.received()) == 2; }));
   std::string replies;
-  for (const WireReply& reply : takeReplies(client.received(), true))
+  for (const WireReply& reply : takeReplies(client.received(), true)) {
     replies += (replies.empty() ? "" : " ") + std::to_string(reply.status());
+    if (reply.status() == 200) continue;
+    const std::string told = reply.statusLine.substr(9);
+    EXPECT_EQ(told.find("Unknown"), std::string::npos) << told;
+    EXPECT_NE(reply.body.find("<h1>" + told + "</h1>"), std::string::npos) << reply.body;
+  }
   EXPECT_EQ(replies, GetParam().replies);
 }
 

@@ -1314,6 +1314,12 @@ TEST_F(AddUserTest, FileThatCannotBeWritten) {
   EXPECT_EQ(directory.errors, "krohttpd: cannot read " + path_ + ": Is a directory\n");
 }
 
+TEST_F(AddUserTest, FileWithoutAnEnd) {
+  const Ended result = run({KROHTTPD, "--add-user", "/dev/zero", "alice", kRealm});
+  EXPECT_EQ(result.outcome, "exit 1");
+  EXPECT_EQ(result.errors, "krohttpd: cannot write /dev/zero: it is no regular file\n");
+}
+
 TEST_F(AddUserTest, DiskThatIsFull) {
   folder_.file("etc/users", userLine("bob", "b"));
   const Ended result =
