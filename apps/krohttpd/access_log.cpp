@@ -2,7 +2,7 @@
 
 #include <zel/peer.h>
 
-#include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -55,6 +55,16 @@ void putRequestLine(HttpRequest* request, bool withQuery) {
   std::fprintf(file, " HTTP/%u.%u", http_requestVersion(request)[0], http_requestVersion(request)[1]);
 }
 
+// That lines are lost is told at the first one, and again after some were written in between.
+void tellFailure() {
+  static bool told = false;
+  const int error = errno;
+  const bool failed = std::ferror(file) != 0;
+  if (failed && !told) std::fprintf(stderr, "krohttpd: cannot write to the access log: %s\n", std::strerror(error));
+  told = failed;
+  std::clearerr(file);
+}
+
 }  // namespace
 
 bool accessLogOpen(const std::string& path) {
@@ -75,6 +85,7 @@ void accessLogWrite(HttpRequest* request, HttpReply* reply, const std::string& u
   putRequestLine(request, withQuery);
   const char* const length = http_replyHeaderValue(reply, "Content-Length");
   std::fprintf(file, "\" %u %s\n", http_replyStatusCode(reply), length != nullptr ? length : "-");
+  tellFailure();
 }
 
 void accessLogClose() {

@@ -256,6 +256,7 @@ Options parse(CLI::App& app, int argc, char** argv) {
   if (!protections.empty() && options.authFile.empty()) refuse("--protect: who may log in? give --auth-file FILE");
   if (root.empty() && !options.demo && proxies.empty() && uploads.empty())
     refuse("nothing to serve: give --root DIR, --demo, --proxy PREFIX=TARGET or --upload PREFIX=DIR");
+  if (app.count("--access-log") > 0 && options.accessLog.empty()) refuse("--access-log: give FILE, or -");
   if (!root.empty()) options.root = resolveRoot(root);
   return options;
 }

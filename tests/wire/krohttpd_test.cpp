@@ -59,6 +59,7 @@ const OptionCase kWrong[] = {
     {"TraceWithUnknownLevel", {"--demo", "--trace", "http-server=loud"}},
     {"TraceWithNumberAndMore", {"--demo", "--trace", "http-server=30x"}},
     {"AccessLogWithoutValue", {"--demo", "--access-log"}},
+    {"AccessLogWithoutName", {"--demo", "--access-log", ""}},
     {"LimitWithoutValue", {"--demo", "--limit"}},
     {"LimitWithoutEquals", {"--demo", "--limit", "line"}},
     {"LimitOfNoNumber", {"--demo", "--limit", "line=8K"}},
@@ -726,6 +727,12 @@ TEST_F(AccessLogTest, CannotBeForged) {
   const std::string text = readFile(log);
   EXPECT_EQ(requests(text).size(), 4u) << text;
   for (const char c : text) EXPECT_TRUE(c == '\n' || (c >= ' ' && c <= '~')) << static_cast<int>(c);
+}
+
+TEST_F(AccessLogTest, TellsOnceThatLinesAreLost) {
+  Daemon daemon(demo({"--access-log", "/dev/full"}));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(ask(daemon.address(), get("/hello")).at(0).status(), 200u);
+  EXPECT_EQ(daemon.process().errors(), "krohttpd: cannot write to the access log: No space left on device\n");
 }
 
 TEST_F(AccessLogTest, OnStandardOutput) {
