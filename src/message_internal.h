@@ -36,6 +36,9 @@ void cl_messageGone(HttpMessage* message);
 
 // --- offered to the neighbours ---------------------------------------------------------------------------------------
 
+// Forgets what a reply was to be, of which nothing has been sent.
+void rp_startOver(HttpReply* reply, uint8_t versionMajor, uint8_t versionMinor);
+
 // msg_setStatusLine() for a finished text of @p length characters and a NUL.
 int msg_setFirstLine(HttpMessage* message, const char* text, size_t length);
 

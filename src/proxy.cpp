@@ -259,9 +259,7 @@ int copyReply(HttpReply* from, HttpReply* to) {
   const uint8_t major = to->message.versionMajor;
   const uint8_t minor = to->message.versionMinor;
   if (http_replyCopy(from, to) == 0) return 0;
-  http_replyReset(to);
-  to->statusCode = 0;
-  http_replyVersionSet(to, major, minor);
+  rp_startOver(to, major, minor);
   return -1;
 }
 

@@ -67,6 +67,12 @@ class StatusLine {
 
 void rp_forget(HttpReply* reply) { reply->reason = nullptr; }
 
+void rp_startOver(HttpReply* reply, uint8_t versionMajor, uint8_t versionMinor) {
+  http_replyReset(reply);
+  reply->statusCode = 0;
+  http_replyVersionSet(reply, versionMajor, versionMinor);
+}
+
 extern "C" {
 
 int rp_factory(HttpReply* reply, char* status, char* reason) {

@@ -100,9 +100,7 @@ bool isUnanswered(const Connection* connection) {
 }
 
 void answer(HttpReply* reply, unsigned code) {
-  http_replyReset(reply);
-  reply->statusCode = 0;
-  http_replyVersionSet(reply, 1, 1);
+  rp_startOver(reply, 1, 1);
   HttpHeader date{};
   date.code = HTTP_HEADER_DATE;
   date.date.time = std::time(nullptr);

@@ -114,6 +114,7 @@ void checkTogether(const Options& options, const CLI::App& app) {
   if (!options.outputs.empty() && options.outputs.size() != options.urls.size())
     refuse("-o: give one for each URL, or none");
   if (options.file == "-" && options.urls.size() > 1) refuse("-T -: standard input can be sent to one URL only");
+  if (app.count("-X") > 0 && options.method.empty()) refuse("-X: give a method");
   if (app.count("-c") > 0 && options.cookieJar.empty()) refuse("-c: give a file");
   if (app.count("--unix") > 0 && options.socket.empty()) refuse("--unix: give a path");
 }
@@ -183,7 +184,6 @@ Options parse(CLI::App& app, int argc, char** argv) {
   for (const std::string& url : urls) options.urls.push_back(takeUrl(url));
   for (const std::string& header : given.headers) options.headers.push_back(takeHeader(header));
   options.form = takeForm(app, given);
-  if (app.count("-X") > 0 && options.method.empty()) refuse("-X: give a method");
   checkValues(options);
   checkForm(options);
   checkTogether(options, app);

@@ -23,6 +23,17 @@ bool isPort(const std::string& text) {
          std::stoi(text) <= 65535;
 }
 
+// The brackets around an IPv6 address are not a part of it. @return whether there were any
+bool stripBrackets(std::string* host) {
+  if (!host->starts_with('[') || !host->ends_with(']')) return false;
+  *host = host->substr(1, host->size() - 2);
+  return true;
+}
+
+[[noreturn]] void refuseListen(const std::string& text) {
+  refuse("--listen: '" + text + "' is not HOST:PORT or unix:PATH");
+}
+
 // "HOST:PORT", "[IPv6]:PORT" or "unix:PATH".
 ListenAddress parseListen(const std::string& text) {
   const std::string local = "unix:";
@@ -31,18 +42,17 @@ ListenAddress parseListen(const std::string& text) {
     return {true, text.substr(local.size()), ""};
   }
   const size_t colon = text.rfind(':');
-  if (colon == std::string::npos || !isPort(text.substr(colon + 1)))
-    refuse("--listen: '" + text + "' is not HOST:PORT or unix:PATH");
+  if (colon == std::string::npos || !isPort(text.substr(colon + 1))) refuseListen(text);
+  const std::string port = text.substr(colon + 1);
   std::string host = text.substr(0, colon);
-  if (host.starts_with('[') && host.ends_with(']')) {
-    host = host.substr(1, host.size() - 2);
+  if (stripBrackets(&host)) {
     if (host.empty()) refuse("--listen: '" + text + "' has no address in its brackets");
   } else if (host.find_first_of("[]") != std::string::npos) {
-    refuse("--listen: '" + text + "' is not HOST:PORT or unix:PATH");
+    refuseListen(text);
   } else if (host.find(':') != std::string::npos) {
-    refuse("--listen: put an IPv6 address in brackets: [" + host + "]:" + text.substr(colon + 1));
+    refuse("--listen: put an IPv6 address in brackets: [" + host + "]:" + port);
   }
-  return {false, host.empty() ? "*" : host, text.substr(colon + 1)};
+  return {false, host.empty() ? "*" : host, port};
 }
 
 [[noreturn]] void refuseProxy(const std::string& text) {
@@ -61,12 +71,12 @@ ProxyTarget parseProxy(const std::string& text) {
   }
   const size_t colon = target.rfind(':');
   if (!target.starts_with("tcp:") || colon < 5 || !isPort(target.substr(colon + 1))) refuseProxy(text);
-  if (std::stoi(target.substr(colon + 1)) == 0) refuse("--proxy: '" + text + "' has no port to connect to");
+  const std::string port = target.substr(colon + 1);
+  if (std::stoi(port) == 0) refuse("--proxy: '" + text + "' has no port to connect to");
   std::string host = target.substr(4, colon - 4);
-  const bool bracketed = host.starts_with('[') && host.ends_with(']');
-  if (bracketed) host = host.substr(1, host.size() - 2);
+  const bool bracketed = stripBrackets(&host);
   if (host.empty() || (!bracketed && host.find(':') != std::string::npos)) refuseProxy(text);
-  return {prefix, host, target.substr(colon + 1)};
+  return {prefix, host, port};
 }
 
 // "ZONE" or "ZONE=LEVEL", the level by name or number.

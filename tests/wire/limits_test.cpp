@@ -759,9 +759,7 @@ TEST_F(LimitsTest, ReplyThatGrowsIsNotTaken) {
   ASSERT_TRUE(until([&] { return feeding_ != nullptr; }));
   int turn = 0;
   EXPECT_TRUE(until([&] {
-    if (callsOf("done") == 0 && ++turn % 10 == 0) {
-      feed(std::string(3000, 'p'));
-    }
+    if (callsOf("done") == 0 && ++turn % 10 == 0) feed(std::string(3000, 'p'));
     return http().refused[HTTP_MSG_STALLED] == 1;
   }));
 }
