@@ -2,7 +2,7 @@
 //
 // Input: a byte of flags, the size of the pieces it arrives in, a byte with the number of actions, the actions, the
 // boundary and a line feed, the body. With flag 2 the rest is the contents of parts, one a line of "\n%\n", and the
-// body is made of them: then all of it must come out again.
+// body is made of them: then all of it must come out again. With flag 64 the first content and the pieces are large.
 #include <krohttp/multipart.h>
 
 #include <cstring>
@@ -12,7 +12,15 @@
 
 namespace {
 
-enum Flag { kChunked = 1, kWellFormed = 2, kMoreBehind = 4 };
+enum Flag {
+  kChunked = 1,
+  kWellFormed = 2,
+  kMoreBehind = 4,
+  kAtNextLook = 8,
+  kAfterTwoLooks = 16,
+  kOpensBody = 32,
+  kLarge = 64
+};
 constexpr std::string_view kBehind = "GET / HTTP/1.1\r\n\r\n";
 
 struct Script {
@@ -26,7 +34,10 @@ struct Script {
     std::string_view rest(reinterpret_cast<const char*>(data), size);
     flags = static_cast<int>(take(&rest));
     piece = take(&rest) + 1u;
-    if (piece == 256) piece = SIZE_MAX;
+    if (piece == 256)
+      piece = SIZE_MAX;
+    else if ((flags & kLarge) != 0)
+      piece *= 512;
     const size_t count = std::min<size_t>(take(&rest) % 32, rest.size());
     actions = rest.substr(0, count);
     rest.remove_prefix(count);
@@ -52,7 +63,7 @@ struct Script {
       request += "Content-Length: " + std::to_string(wire.size()) + "\r\n\r\n" + wire;
     } else {
       request += "Transfer-Encoding: chunked\r\n\r\n";
-      for (const std::string& chunk : cutEvery(wire, piece % 7 + 3)) {
+      for (const std::string& chunk : cutEvery(wire, (flags & kLarge) != 0 ? 30000 : piece % 7 + 3)) {
         char line[16];
         snprintf(line, sizeof line, "%X\r\n", static_cast<unsigned>(chunk.size()));
         request.append(line).append(chunk).append("\r\n");
@@ -63,6 +74,11 @@ struct Script {
     return request;
   }
 
+  Arrival arrival() const {
+    if ((flags & kAfterTwoLooks) != 0) return Arrival::kAfterTwoLooks;
+    return (flags & kAtNextLook) != 0 ? Arrival::kAtNextLook : Arrival::kLater;
+  }
+
  private:
   static unsigned take(std::string_view* rest) {
     if (rest->empty()) return 0;
@@ -70,11 +86,18 @@ struct Script {
     rest->remove_prefix(1);
     return byte;
   }
+  std::string enlarged(std::string_view content) const {
+    constexpr size_t kEnough = 20000;
+    std::string text(content);
+    const bool isFirst = body.parts.empty();
+    while ((flags & kLarge) != 0 && isFirst && !content.empty() && text.size() < kEnough) text += content;
+    return text;
+  }
   void split(std::string_view rest) {
     constexpr std::string_view kSeparator = "\n%\n";
     while (true) {
       const size_t end = rest.find(kSeparator);
-      body.parts.push_back({{{"A", "b"}}, harmless(std::string(rest.substr(0, end)), body.delimiter())});
+      body.parts.push_back({{{"A", "b"}}, harmless(enlarged(rest.substr(0, end)), body.delimiter())});
       if (end == std::string_view::npos) return;
       rest.remove_prefix(end + kSeparator.size());
     }
@@ -148,6 +171,12 @@ class Actor {
           upload_->cleanup();
         }
         break;
+      case 12:
+        ended = upload_->readAs({"", Appetite::kOnce, 16384}, part, body);
+        break;
+      case 13:
+        for (int i = 0; i < 3 && !ended; ++i) ended = upload_->readAs({"", Appetite::kOnce, 4096}, part, body);
+        break;
       default:
         ended = upload_->readAs({"", Appetite::kUntilShort, 100}, part, body);
         break;
@@ -194,7 +223,8 @@ void checkParts(const Script& script, const MultipartUpload& upload) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const Script script(data, size);
   if (neverReads(script) || script.wire.empty()) return 0;
-  MultipartUpload upload(cutEvery(script.request(), script.piece));
+  MultipartUpload upload(cutEvery(script.request(), script.piece), script.arrival());
+  upload.opensBody = (script.flags & kOpensBody) != 0;
   Actor actor(script, &upload);
   if (upload.begin() != 0) return 0;
 

@@ -376,6 +376,7 @@ int readBody(Connection* connection) {
   FILE* const body = http_replyBody(connection->reply);
   if (body == nullptr) return kGoOn;  // failed, as the next look at its state finds
 
+  forgetError(body);
   const ReadMark before = readMark(connection->reply->message);
   const Watch watch(connection);
   const int result = callBodyHandler(connection, body);

@@ -56,6 +56,7 @@ bool isInBody(const HttpMultipart* multipart) {
 // tells why: EAGAIN, another error, or 0 at the end.
 std::span<const char> available(FILE* input) {
   if (heldBytes(input) == 0) {
+    forgetError(input);
     errno = 0;
     const int byte = getc_unlocked(input);
     if (byte == EOF) {

@@ -11,6 +11,12 @@ inline size_t heldBytes(const FILE* stream) {
   return stream != nullptr ? static_cast<size_t>(stream->_IO_read_end - stream->_IO_read_ptr) : 0;
 }
 
+// A stream keeps telling of an error that a later read has got past, as of want of data that came in the meantime.
+// After this it tells of the reads to come; an end it has met stays.
+inline void forgetError(FILE* stream) {
+  if (ferror_unlocked(stream) && !feof_unlocked(stream)) clearerr_unlocked(stream);
+}
+
 // What has been read of a message's body and waits for somebody to take it: no read event tells of it.
 inline size_t heldOfBody(const HttpMessage& message) { return heldBytes(message.body) + message.bodyAhead; }
 

@@ -270,6 +270,7 @@ int srv_handleReadBody(Connection* connection, ZelPeer* peer) {
   FILE* const body = http_requestBody(request);
   if (body == nullptr) return kGoOn;  // failed, as the next look at its state finds
 
+  forgetError(body);
   const ReadMark before = readMark(request->message);
   const Watch watch(connection);
   const int result = connection->server->bodyHandler != nullptr

@@ -263,14 +263,24 @@ inline constexpr std::array<Appetite, 11> kAppetites = {{{"Once1", Appetite::kOn
                                                          {"Lines", Appetite::kLines, 80},
                                                          {"OwnBuffer", Appetite::kOwnBuffer, 7}}};
 
+// When the next piece is there: once the reader has returned for want of it, or after so many looks, which may be in
+// the midst of its work.
+enum class Arrival { kLater, kAtNextLook, kAfterTwoLooks };
+
 // A request with a multipart body, taken apart by the reader under test while its bytes arrive piece by piece.
 class MultipartUpload {
  public:
   using PartHandler = std::function<int(HttpRequest*)>;
   using BodyHandler = std::function<int(HttpRequest*, FILE*)>;
 
-  explicit MultipartUpload(const Pieces& pieces) {
-    for (const std::string& piece : pieces) input.bytes(piece).hold();
+  explicit MultipartUpload(const Pieces& pieces, Arrival arrival = Arrival::kLater) {
+    for (const std::string& piece : pieces) {
+      input.bytes(piece);
+      if (arrival == Arrival::kLater) input.hold();
+      if (arrival != Arrival::kLater) input.error(EAGAIN);
+      if (arrival == Arrival::kAfterTwoLooks) input.error(EAGAIN);
+    }
+    if (arrival != Arrival::kLater) input.hold();
     request_ = http_requestCreate();
     http_requestModeSet(request_, HTTP_MSG_READING);
     http_requestStreamSet(request_, input.stream());
@@ -288,6 +298,8 @@ class MultipartUpload {
   BodyHandler onBody;
   Appetite appetite = {"UntilShort4096", Appetite::kUntilShort, 4096};
   ScriptInput input;
+  // The application has opened the body before it prepares the reader.
+  bool opensBody = false;
   // What the application believes the boundary to be.
   const char* boundary = nullptr;
 
@@ -305,9 +317,9 @@ class MultipartUpload {
       clearerr(input.stream());
       if (http_requestParse(request_) != 0) return -1;
       if (http_requestNeedMoreData(request_) == 0) continue;
-      if (!input.held()) return -1;
-      input.release();
+      if (!awaitMore()) return -1;
     }
+    if (opensBody && http_msgBody(&request_->message) == nullptr) return -1;
     const int result =
         boundary == nullptr
             ? http_msgMultipartInitialize(reader(), &request_->message, handlePart, handleBody)
@@ -329,10 +341,15 @@ class MultipartUpload {
       if (handleRead() != 0) return "failed";
       if (holder_.reader.state == HTTP_MULTIPART_DONE && http_requestState(request_) == HTTP_MSG_DONE)
         return "complete";
-      if (!input.held()) return "waits in state " + std::to_string(holder_.reader.state);
-      input.release();
+      if (!awaitMore()) return "waits in state " + std::to_string(holder_.reader.state);
     }
     return "endless";
+  }
+  // Lets the next piece arrive. @return whether there is one
+  bool awaitMore() {
+    const bool more = input.held() || input.pending() > 0;
+    input.release();
+    return more;
   }
   // The reader is gone; the request stays.
   void cleanup() {
@@ -346,10 +363,7 @@ class MultipartUpload {
   // All that is left in the connection's stream.
   std::string behind() {
     std::string rest = input.rest();
-    while (input.held()) {
-      input.release();
-      rest += input.rest();
-    }
+    while (awaitMore()) rest += input.rest();
     return rest;
   }
 

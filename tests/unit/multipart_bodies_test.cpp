@@ -14,6 +14,7 @@
 namespace {
 
 constexpr std::string_view kNext = "GET /next HTTP/1.1\r\n\r\n";
+constexpr Arrival kInTheMidst[] = {Arrival::kAtNextLook, Arrival::kAfterTwoLooks};
 constexpr Framing kFramings[] = {Framing::kLength, Framing::kChunked};
 
 size_t seeds(size_t usual) {
@@ -43,9 +44,11 @@ std::string difference(const MultipartBody& sent, const MultipartUpload& upload)
 }
 
 // Sends body with another request behind it and reads it. @return what went wrong, nothing when all is well
-std::string transfer(const MultipartBody& body, const Pieces& pieces, const Appetite& appetite) {
-  MultipartUpload upload(pieces);
+std::string transfer(const MultipartBody& body, const Pieces& pieces, const Appetite& appetite,
+                     Arrival arrival = Arrival::kLater, bool opensBody = false) {
+  MultipartUpload upload(pieces, arrival);
   upload.appetite = appetite;
+  upload.opensBody = opensBody;
   const std::string outcome = upload.run();
   if (outcome != "complete") return outcome + "; " + difference(body, upload);
   if (const std::string different = difference(body, upload); !different.empty()) return different;
@@ -102,6 +105,59 @@ TEST_P(MultipartBodies, SmallOneInSteps) {
     const std::string wire = framedRequest(body, framing, random) + std::string(kNext);
     for (size_t step = 1; step < 20; ++step)
       ASSERT_EQ(transfer(body, cutEvery(wire, step), GetParam()), "") << describe("step", step, framing, GetParam());
+  }
+}
+
+// What a read did not find is there at the next one, in the same call of the handler: that was no failure.
+TEST_P(MultipartBodies, SmallOneThatCatchesUpAtEveryOctet) {
+  const MultipartBody body = smallBody();
+  for (const bool opensBody : {false, true}) {
+    for (const Framing framing : kFramings) {
+      Random random(1);
+      const std::string wire = framedRequest(body, framing, random, 10) + std::string(kNext);
+      for (const Arrival arrival : kInTheMidst) {
+        for (size_t at = 0; at <= wire.size(); ++at)
+          ASSERT_EQ(transfer(body, cutOnce(wire, at), GetParam(), arrival, opensBody), "")
+              << describe("cut at octet", at, framing, GetParam()) << (opensBody ? ", opened" : "");
+        for (size_t step = 1; step < 20; ++step)
+          ASSERT_EQ(transfer(body, cutEvery(wire, step), GetParam(), arrival, opensBody), "")
+              << describe("step", step, framing, GetParam()) << (opensBody ? ", opened" : "");
+      }
+    }
+  }
+}
+
+// A handler that takes so many blocks and returns may stop where stdio holds nothing any more, behind a read that found
+// nothing and one that found all it wanted.
+TEST(MultipartBodiesThatCatchUp, BehindWholeBlocks) {
+  const TraceCapture quiet;
+  const SpinGuard guard(100);
+  MultipartBody body;
+  body.parts = {{{{"A", "b"}}, std::string(300000, 'x')}};
+  const size_t count = seeds(1500);
+  for (size_t seed = 1; seed <= count; ++seed) {
+    Random random(seed);
+    const Framing framing = random.oneIn(3) ? Framing::kChunked : Framing::kLength;
+    const std::string wire = framedRequest(body, framing, random, 100000) + std::string(kNext);
+    const size_t unit = random.oneIn(2) ? 1024 : 4096;
+    const size_t begin = random.oneIn(2) ? wire.find('x') : 0;
+    Pieces pieces = {wire.substr(0, begin)};
+    for (size_t at = begin; at < wire.size(); at += pieces.back().size())
+      pieces.push_back(wire.substr(at, unit * random.between(1, 30)));
+    MultipartUpload upload(pieces, kInTheMidst[random.below(2)]);
+    upload.opensBody = random.oneIn(4);
+    const size_t block = random.oneIn(2) ? 4096 : 65536;
+    const size_t blocks = random.between(1, 6);
+    upload.onBody = [&](HttpRequest* part, FILE* stream) {
+      bool ended = false;
+      for (size_t i = 0; i < blocks && !ended; ++i) ended = upload.readAs({"", Appetite::kOnce, block}, part, stream);
+      if (ended) upload.noteEnd();
+      return 0;
+    };
+    ASSERT_EQ(upload.run(), "complete") << "seed " << seed;
+    ASSERT_EQ(difference(body, upload), "") << "seed " << seed;
+    upload.cleanup();
+    ASSERT_EQ(upload.behind(), kNext) << "seed " << seed;
   }
 }
 

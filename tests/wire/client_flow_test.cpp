@@ -309,6 +309,50 @@ TEST_P(ClientLazyTest, HandlerThatReadsNothing) {
   EXPECT_EQ(party.body, "hello");
 }
 
+// What a read did not find was there at the next one: nothing of that is left when the handler is called again, which
+// may leave what is there for later.
+TEST_F(ClientFlowTest, HandlerThatCatchesUp) {
+  const std::string middle = pattern(100000);
+  for (const bool chunked : {false, true}) {
+    SCOPED_TRACE(chunked ? "chunked" : "length");
+    bool awaited = false;
+    bool reads = false;
+    const std::string headers =
+        chunked ? "Transfer-Encoding: chunked\r\n\r\n186AA\r\n" : "Content-Length: 100010\r\n\r\n";
+    WireTarget target;
+    target.always(WireScript()
+                      .request()
+                      .send("HTTP/1.1 200 OK\r\n" + headers + "12345")
+                      .when([&] { return awaited; })
+                      .send(middle)
+                      .when([&] { return reads; })
+                      .send(chunked ? "67890\r\n0\r\n\r\n" : "67890"));
+    Party party;
+    party.onBody = [&](FILE* stream) {
+      EXPECT_EQ(ferror(stream), 0) << "call " << party.bodyCalls;
+      if (party.bodyCalls == 1) {
+        for (int c = fgetc(stream); c != EOF; c = fgetc(stream)) party.body += static_cast<char>(c);
+        EXPECT_NE(ferror(stream), 0);
+        awaited = true;
+        WireTarget::pumpAll();
+        pollfd arrival = {peer_socket(party.peer()), POLLIN, 0};
+        EXPECT_EQ(poll(&arrival, 1, 5000), 1);
+        party.body += static_cast<char>(fgetc(stream));
+      }
+      if (reads) party.body += readBody(stream);
+      return 0;
+    };
+    startOn(party, target);
+    TraceCapture trace;
+    party.ask();
+    ASSERT_TRUE(until([&] { return party.bodyCalls > 2; })) << party.said();
+    EXPECT_EQ(party.body.size(), 6u);
+    reads = true;
+    ASSERT_TRUE(until([&] { return party.has("ready"); })) << party.said();
+    EXPECT_TRUE(party.body == "12345" + middle + "67890");
+  }
+}
+
 TEST_P(ClientLazyTest, HandlerThatReadsOneByteAtATime) {
   WireTarget target;
   WireScript script = WireScript().request().send(GetParam().reply);

@@ -477,6 +477,58 @@ TEST_F(LateTest, ReplyBeginsBeforeTheBodyHasCome) {
   EXPECT_EQ(callsOf("done"), 1u);
 }
 
+// --- handlers of bodies ----------------------------------------------------------------------------------------------
+
+struct CatchUpCase {
+  const char* name;
+  std::string headers;
+};
+void PrintTo(const CatchUpCase& row, std::ostream* out) { *out << row.name; }
+const CatchUpCase kCatchUps[] = {
+    {"Length", "Content-Length: 100010\r\n\r\n"},
+    {"Multipart", "Content-Type: multipart/x\r\nContent-Length: 100010\r\n\r\n"},
+    {"Chunked", "Transfer-Encoding: chunked\r\n\r\n186AA\r\n"},
+};
+class CatchUpTest : public WireServerTest, public ::testing::WithParamInterface<CatchUpCase> {};
+INSTANTIATE_TEST_SUITE_P(Handlers, CatchUpTest, ::testing::ValuesIn(kCatchUps),
+                         [](const auto& parameter) { return parameter.param.name; });
+
+// What a read did not find was there at the next one. A handler that is called again is told of its own reads only, and
+// may leave what is there for later.
+TEST_P(CatchUpTest, LeavesNoErrorToTheNextCall) {
+  const std::string middle = pattern(100000);
+  listen();
+  TraceCapture trace;
+  WireClient client(address());
+  int bodyCalls = 0;
+  bool reads = false;
+  onBody = [&](HttpRequest* request, HttpReply* reply, FILE* stream) {
+    EXPECT_EQ(ferror(stream), 0) << "call " << bodyCalls;
+    if (++bodyCalls == 1) {
+      for (int c = fgetc(stream); c != EOF; c = fgetc(stream)) body += static_cast<char>(c);
+      EXPECT_NE(ferror(stream), 0);
+      client.send(middle);
+      WireClient::pumpAll();
+      pollfd arrival = {peer_socket(http_requestPeer(request)), POLLIN, 0};
+      EXPECT_EQ(poll(&arrival, 1, 5000), 1);
+      body += static_cast<char>(fgetc(stream));
+    }
+    while (reads && http_requestState(request) != HTTP_MSG_DONE) {
+      const std::string part = readBody(stream);
+      if (part.empty()) break;
+      body += part;
+    }
+    return http_requestState(request) == HTTP_MSG_DONE ? replyText(reply, 200, "all") : 0;
+  };
+  client.send("POST /a HTTP/1.1\r\n" + GetParam().headers + "12345");
+  ASSERT_TRUE(until([&] { return bodyCalls > 2; }));
+  EXPECT_EQ(body.size(), 6u);
+  reads = true;
+  client.send("67890\r\n0\r\n\r\n");
+  EXPECT_TRUE(until([&] { return client.received().starts_with(okReply("all")); })) << client.received();
+  EXPECT_TRUE(body == "12345" + middle + "67890");
+}
+
 // --- clients that vanish while the reply is being produced -----------------------------------------------------------
 
 struct VanishCase {
