@@ -2,7 +2,8 @@
 //
 // Input: a byte of flags, the size of the pieces it arrives in, a byte with the number of actions, the actions, the
 // boundary and a line feed, the body. With flag 2 the rest is the contents of parts, one a line of "\n%\n", and the
-// body is made of them: then all of it must come out again. With flag 64 the first content and the pieces are large.
+// body is made of them: then all of it must come out again. With flag 64 the first content and the pieces are large,
+// and the pieces begin with that content.
 #include <krohttp/multipart.h>
 
 #include <cstring>
@@ -74,6 +75,17 @@ struct Script {
     return request;
   }
 
+  Pieces pieces() const {
+    const std::string whole = request();
+    constexpr std::string_view kHeadEnd = "\r\n\r\n";
+    size_t first = 0;
+    if ((flags & kLarge) != 0)  // behind the head of the request and that of the first part
+      first = std::min(whole.find(kHeadEnd, whole.find(kHeadEnd) + kHeadEnd.size()), whole.size() - kHeadEnd.size()) +
+              kHeadEnd.size();
+    Pieces all = cutEvery(std::string_view(whole).substr(first), piece);
+    if (first > 0) all.insert(all.begin(), whole.substr(0, first));
+    return all;
+  }
   Arrival arrival() const {
     if ((flags & kAfterTwoLooks) != 0) return Arrival::kAfterTwoLooks;
     return (flags & kAtNextLook) != 0 ? Arrival::kAtNextLook : Arrival::kLater;
@@ -87,7 +99,7 @@ struct Script {
     return byte;
   }
   std::string enlarged(std::string_view content) const {
-    constexpr size_t kEnough = 20000;
+    constexpr size_t kEnough = 60000;
     std::string text(content);
     const bool isFirst = body.parts.empty();
     while ((flags & kLarge) != 0 && isFirst && !content.empty() && text.size() < kEnough) text += content;
@@ -223,7 +235,7 @@ void checkParts(const Script& script, const MultipartUpload& upload) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const Script script(data, size);
   if (neverReads(script) || script.wire.empty()) return 0;
-  MultipartUpload upload(cutEvery(script.request(), script.piece), script.arrival());
+  MultipartUpload upload(script.pieces(), script.arrival());
   upload.opensBody = (script.flags & kOpensBody) != 0;
   Actor actor(script, &upload);
   if (upload.begin() != 0) return 0;
