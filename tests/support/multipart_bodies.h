@@ -347,7 +347,7 @@ class MultipartUpload {
   }
   // Lets the next piece arrive. @return whether there is one
   bool awaitMore() {
-    const bool more = input.held() || input.pending() > 0;
+    const bool more = !input.over();
     input.release();
     return more;
   }

@@ -74,6 +74,8 @@ class ScriptInput {
     return *this;
   }
 
+  // Nothing is left of the script.
+  bool over() const { return steps_.empty(); }
   bool held() const { return !steps_.empty() && steps_.front().kind == Step::kHold; }
   void release() {
     if (held()) steps_.pop_front();
