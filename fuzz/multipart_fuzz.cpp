@@ -79,9 +79,10 @@ struct Script {
     const std::string whole = request();
     constexpr std::string_view kHeadEnd = "\r\n\r\n";
     size_t first = 0;
-    if ((flags & kLarge) != 0)  // behind the head of the request and that of the first part
-      first = std::min(whole.find(kHeadEnd, whole.find(kHeadEnd) + kHeadEnd.size()), whole.size() - kHeadEnd.size()) +
-              kHeadEnd.size();
+    for (int heads = 0; (flags & kLarge) != 0 && heads < 2; ++heads) {  // the request's and that of the first part
+      const size_t end = whole.find(kHeadEnd, first);
+      if (end != std::string::npos) first = end + kHeadEnd.size();
+    }
     Pieces all = cutEvery(std::string_view(whole).substr(first), piece);
     if (first > 0) all.insert(all.begin(), whole.substr(0, first));
     return all;

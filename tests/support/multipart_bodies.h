@@ -265,7 +265,7 @@ inline constexpr std::array<Appetite, 11> kAppetites = {{{"Once1", Appetite::kOn
 
 // When the next piece is there: once the reader has returned for want of it, or after so many looks, which may be in
 // the midst of its work.
-enum class Arrival { kLater, kAtNextLook, kAfterTwoLooks };
+enum class Arrival { kLater = 0, kAtNextLook = 1, kAfterTwoLooks = 2 };
 
 // A request with a multipart body, taken apart by the reader under test while its bytes arrive piece by piece.
 class MultipartUpload {
@@ -277,8 +277,7 @@ class MultipartUpload {
     for (const std::string& piece : pieces) {
       input.bytes(piece);
       if (arrival == Arrival::kLater) input.hold();
-      if (arrival != Arrival::kLater) input.error(EAGAIN);
-      if (arrival == Arrival::kAfterTwoLooks) input.error(EAGAIN);
+      for (int look = 0; look < static_cast<int>(arrival); ++look) input.error(EAGAIN);
     }
     if (arrival != Arrival::kLater) input.hold();
     request_ = http_requestCreate();

@@ -84,6 +84,12 @@ inline std::string readBody(FILE* body) {
   return text;
 }
 
+// Waits until a peer's socket has input, inside a handler. @return whether it came
+inline bool awaitInput(const ZelPeer* peer) {
+  pollfd socket = {peer_socket(peer), POLLIN, 0};
+  return poll(&socket, 1, 5000) == 1;
+}
+
 // A transport that does what the socket does, without zero-copy sending.
 inline const ZelTransport& plainTransport() {
   static const ZelTransport transport = {
